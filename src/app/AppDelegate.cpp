@@ -1,0 +1,116 @@
+#include "app/AppDelegate.h"
+
+#include "app/AppLogger.h"
+#include "app/VersionRoute.h"
+#include "app/WebSocketRoute.h"
+#include "async/Error.h"
+#include "net/SocketAddress.h"
+
+#include <exception>
+#include <string>
+#include <utility>
+
+namespace orvel {
+
+AppDelegate::Environment AppDelegate::Environment::standard(std::function<void()> terminate) {
+    return {Bundle::mainBundle(), platform::XdgAutostart::mainAppService(), appLogger(), std::move(terminate)};
+}
+
+AppDelegate::AppDelegate(Environment environment) : environment_(std::move(environment)) {}
+
+AppDelegate::~AppDelegate() {
+    {
+        std::lock_guard guard(lock_);
+        terminating_ = true;
+        if (server_ && !stopTask_) stopTask_ = async::spawn(stopServer(server_));
+    }
+    waitUntilStopped();
+}
+
+void AppDelegate::applicationDidFinishLaunching() {
+    const auto& logger = environment_.logger;
+    logger->logInfo("Application launched.");
+    const bool automaticUpdates = hasAutomaticUpdates(environment_.bundle);
+
+    if (environment_.loginItem.status() != platform::XdgAutostart::Status::enabled) {
+        logger->logInfo("Trying to register as login item.");
+        try {
+            environment_.loginItem.registerEntry();
+        } catch (...) {
+            const auto reason = async::describe(std::current_exception());
+            logger->logInfo([&] { return "Failed to register as login item " + reason + "."; });
+        }
+    }
+
+    // The count changes on streaming tasks; the log shows every change, not the starting value.
+    streamCountLogSubscription_ = currentStreamCount().subscribe([logger, first = true](std::int64_t count) mutable {
+        if (std::exchange(first, false)) return;
+        logger->logInfo([&] { return "Streaming connections: " + std::to_string(count) + "."; });
+    });
+
+    std::lock_guard guard(lock_);
+    serverTask_ = async::spawn(runServer(this, appVersion(environment_.bundle), automaticUpdates));
+    // Automatic updates have no updater in this build: nothing subscribes to the count for them.
+}
+
+async::Task<void> AppDelegate::runServer(AppDelegate* self, std::optional<std::string> version,
+                                         bool automaticUpdates) {
+    const auto& logger = self->environment_.logger;
+    try {
+        const net::AnySocketAddress address(net::inet(serverAddress, serverPort));
+        auto server = std::make_shared<http::HTTPServer>(
+            address, handlerTimeout, http::HTTPServer::defaultPool(std::make_shared<net::DisabledLogger>()), logger);
+        server->appendRoute("GET /version", [version, automaticUpdates](http::HTTPRequest request) {
+            return handleVersionRoute(std::move(request), version, automaticUpdates);
+        });
+        server->appendRoute("*", [](http::HTTPRequest request) { return handleWebSocketRoute(std::move(request)); });
+        {
+            std::lock_guard guard(self->lock_);
+            // Termination came first: there is nothing to stop, so do not start.
+            if (self->terminating_) co_return;
+            self->server_ = server;
+        }
+        co_await server->run();
+        co_return;
+    } catch (...) {
+        // A stop with no time to spare cancels the serving task, and run() then fails with that
+        // cancellation. The process is ending on purpose: there is nothing to report.
+        {
+            std::lock_guard guard(self->lock_);
+            if (self->terminating_) co_return;
+        }
+        const auto reason = async::describe(std::current_exception());
+        logger->logError([&] { return "Could not run WebSocket server " + reason + ", terminating application."; });
+    }
+    self->serverFailed_ = true;
+    self->environment_.terminate();
+}
+
+async::Task<void> AppDelegate::stopServer(std::shared_ptr<http::HTTPServer> server) { co_await server->stop(0); }
+
+void AppDelegate::applicationWillTerminate() {
+    const auto& logger = environment_.logger;
+    logger->logInfo("Application will terminate, shutting down WebSocket server.");
+    {
+        std::lock_guard guard(lock_);
+        terminating_ = true;
+        if (server_ && !stopTask_) stopTask_ = async::spawn(stopServer(server_));
+    }
+    logger->logInfo("Shut down WebSocket server.");
+    currentStreamCountSubscription_.reset();
+    streamCountLogSubscription_.reset();
+}
+
+bool AppDelegate::waitUntilStopped() {
+    std::optional<async::TaskHandle<void>> serverTask, stopTask;
+    {
+        std::lock_guard guard(lock_);
+        serverTask = serverTask_;
+        stopTask = stopTask_;
+    }
+    if (stopTask) stopTask->wait();
+    if (serverTask) serverTask->wait();
+    return serverFailed_;
+}
+
+}  // namespace orvel

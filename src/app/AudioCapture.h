@@ -1,0 +1,39 @@
+#pragma once
+#include "app/AudioCaptureDelegate.h"
+#include "async/Task.h"
+#include "net/Logging.h"
+#include "platform/CaptureStream.h"
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+
+namespace orvel {
+
+// The capture byte stream: 16-bit little-endian mono samples, in buffers as the platform
+// delivers them, unbounded. Ending it in any way (its consumer stops, is cancelled, or the
+// capture fails) stops the capture.
+using AudioCaptureStream = AudioCaptureDelegate::ByteStream;
+
+// What a capture runs on: the platform's capture service and the application's log.
+struct AudioCaptureEnvironment {
+    std::shared_ptr<platform::CaptureService> service;
+    net::Logger logger;
+
+    // PulseAudio's default server and the application's log (appLogger).
+    static AudioCaptureEnvironment standard();
+};
+
+// Starts capturing what the machine plays, 1 channel at sampleRate, and returns the running
+// byte stream. Throws AudioCaptureError when the delegate refuses the rate (before anything else
+// is made), or the platform's error when adding outputs or starting fails. Logs "Starting audio
+// capture." before the start; the byte stream's end logs "Stream will close, stopping audio
+// capture." and "Stopped audio capture.".
+async::Task<AudioCaptureStream> startAudioCapture(std::int64_t sampleRate, AudioCaptureEnvironment environment);
+async::Task<AudioCaptureStream> startAudioCapture(std::int64_t sampleRate);
+
+// True for the platform's refusal of the capture permission (PulseAudio's access denied),
+// which the streaming handler reports differently from other failures.
+bool isCapturePermissionRefused(const std::exception_ptr& error) noexcept;
+
+}  // namespace orvel

@@ -1,0 +1,42 @@
+#pragma once
+#include "app/AudioCapture.h"
+#include "async/AsyncStream.h"
+#include "async/Task.h"
+#include "http/WSMessage.h"
+#include "http/WSMessageHandler.h"
+#include "net/Logging.h"
+
+#include <cstdint>
+#include <functional>
+
+namespace orvel {
+
+// How a stream gets its capture: startAudioCapture in the application; tests pass a fake.
+using CaptureStart = std::function<async::Task<AudioCaptureStream>(std::int64_t sampleRate)>;
+
+// The WebSocket behind the catch-all route: the page's first message configures a capture,
+// whose 16-bit samples go back as data messages of 100 ms each until the capture or the
+// connection ends. Shared by every connection; each gets its own streaming task.
+class OrvelMessageHandler final : public http::WSMessageHandler {
+public:
+    // The machine's capture and the application's log.
+    OrvelMessageHandler();
+    OrvelMessageHandler(CaptureStart startCapture, net::Logger logger);
+
+    // Returns the outgoing messages at once; a spawned streamAudio fills them. When the consumer
+    // drops the outgoing sequence (the connection closed) the task is cancelled.
+    async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage> incoming) override;
+
+private:
+    CaptureStart startCapture_;
+    net::Logger logger_;
+};
+
+// One connection's stream: reads the configuration, counts itself in currentStreamCount while
+// capturing, cuts the capture's bytes into messages of (rate / 10) x 2 bytes, sends a shorter
+// last one when the capture ends normally, and finishes `outgoing`. Never throws.
+async::Task<void> streamAudio(async::AsyncStream<http::WSMessage> incoming,
+                              async::AsyncStream<http::WSMessage>::Continuation outgoing, CaptureStart startCapture,
+                              net::Logger logger);
+
+}  // namespace orvel

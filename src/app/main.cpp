@@ -1,0 +1,71 @@
+// The orvel executable: the tray (or a headless main loop), the application delegate, and the
+// two options a user of a command-line program expects. Address, port and limits are fixed.
+#include "app/AppDelegate.h"
+#include "app/AppLogger.h"
+#include "app/Bundle.h"
+#include "app/VersionRoute.h"
+#include "platform/TrayIcon.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+namespace {
+
+constexpr const char* usage =
+    "Usage: orvel [--help | --version]\n"
+    "\n"
+    "Tamrix Orvel makes the sound this computer plays available to web pages. It serves\n"
+    "HTTP and WebSocket on 127.0.0.1:8505 and shows a tray icon with \"Quit\" (without a\n"
+    "graphical session it runs headless; SIGINT and SIGTERM quit). It registers itself to\n"
+    "start at login. Its log goes to the systemd journal, or to standard error.\n"
+    "\n"
+    "  -h, --help     show this help and exit\n"
+    "  -V, --version  show the build version and exit\n";
+
+std::filesystem::path executablePath() {
+    std::error_code error;
+    auto path = std::filesystem::read_symlink("/proc/self/exe", error);
+    return error ? std::filesystem::path() : path;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace orvel;
+    const auto version = appVersion(Bundle::mainBundle());
+    if (argc > 1) {
+        const std::string_view option = argv[1];
+        const bool isHelp = option == "-h" || option == "--help";
+        const bool isVersion = option == "-V" || option == "--version";
+        if (argc == 2 && isHelp) {
+            std::fputs(usage, stdout);
+            return 0;
+        }
+        if (argc == 2 && isVersion) {
+            std::printf("orvel %s\n", version ? version->c_str() : "(no version)");
+            return 0;
+        }
+        if (isHelp || isVersion)
+            std::fprintf(stderr, "orvel: unexpected argument '%s'\n", argv[2]);
+        else if (option.size() > 1 && option.front() == '-')
+            std::fprintf(stderr, "orvel: unknown option '%s'\n", argv[1]);
+        else
+            std::fprintf(stderr, "orvel: unexpected argument '%s'\n", argv[1]);
+        std::fputs("Try 'orvel --help' for more information.\n", stderr);
+        return 2;
+    }
+
+    platform::TrayIcon::Configuration trayConfiguration;
+    trayConfiguration.title = platform::TrayIcon::menuTitle(version);
+    trayConfiguration.iconDirectory = platform::TrayIcon::iconDirectoryFor(executablePath());
+    trayConfiguration.logger = appLogger();
+    platform::TrayIcon tray(std::move(trayConfiguration));
+
+    AppDelegate delegate(AppDelegate::Environment::standard([&tray] { tray.terminate(); }));
+    tray.setQuitHandler([&delegate] { delegate.applicationWillTerminate(); });
+    tray.post([&delegate] { delegate.applicationDidFinishLaunching(); });
+    tray.run();
+    return delegate.waitUntilStopped() ? 1 : 0;
+}

@@ -1,0 +1,15 @@
+#pragma once
+// The whole runtime in one include.
+#include "async/AsyncStream.h"
+#include "async/Cancellation.h"
+#include "async/Continuation.h"
+#include "async/Error.h"
+#include "async/Executor.h"
+#include "async/SerialExecutor.h"
+#include "async/Sleep.h"
+#include "async/Spawn.h"
+#include "async/Task.h"
+#include "async/TaskGroup.h"
+#include "async/TaskLocal.h"
+#include "async/ThreadPool.h"
+#include "async/TimerService.h"

@@ -1,0 +1,239 @@
+#pragma once
+#include "async/Executor.h"
+#include "async/detail/TaskContext.h"
+
+#include <atomic>
+#include <cassert>
+#include <coroutine>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace orvel::async {
+
+// How a stream ended, as its termination handler is told.
+enum class Termination { finished, cancelled };
+
+namespace detail {
+
+// The shared state of one stream: an unbounded buffer, the end, and the one waiting consumer.
+template <class T>
+class StreamState {
+public:
+    struct Waiter : CancellationNode {
+        std::coroutine_handle<> handle;
+        Executor* executor = nullptr;
+        std::optional<T> element;
+        std::exception_ptr error;
+        StreamState* stream = nullptr;
+        std::atomic<unsigned> state{0};  // 1: setting up, 2: resumed
+    };
+
+    void yield(T element) {
+        Waiter* waiter = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            if (terminated_) return;
+            if (waiter_) {
+                waiter = std::exchange(waiter_, nullptr);
+                waiter->element.emplace(std::move(element));
+            } else {
+                buffer_.push_back(std::move(element));
+            }
+        }
+        if (waiter) resume(*waiter);
+    }
+
+    void finish(std::exception_ptr error) { terminate(Termination::finished, std::move(error)); }
+
+    void setOnTermination(std::function<void(Termination)> handler) {
+        std::optional<Termination> already;
+        {
+            std::lock_guard lock(mutex_);
+            if (terminated_) already = termination_;
+            else onTermination_ = std::move(handler);
+        }
+        // Set after the end: the end already happened, so the handler runs now, still only once.
+        if (already && handler) handler(*already);
+    }
+
+    // The consumer's side. True when the consumer must suspend (waiter registered).
+    bool next(Waiter& waiter) {
+        std::lock_guard lock(mutex_);
+        assert(!waiter_ && "two consumers iterate one stream");
+        if (!buffer_.empty()) {
+            waiter.element.emplace(std::move(buffer_.front()));
+            buffer_.pop_front();
+            return false;
+        }
+        if (terminated_) {
+            waiter.error = std::exchange(error_, nullptr);  // the error ends the sequence once
+            return false;
+        }
+        waiter_ = &waiter;
+        return true;
+    }
+
+    // The consumer's task was cancelled while it waited, or the consumer went away.
+    void cancel() { terminate(Termination::cancelled, nullptr); }
+
+    bool withdraw(Waiter& waiter) {
+        std::lock_guard lock(mutex_);
+        if (waiter_ != &waiter) return false;
+        waiter_ = nullptr;
+        return true;
+    }
+
+    static void resume(Waiter& waiter) {
+        if ((waiter.state.fetch_or(2u, std::memory_order_acq_rel) & 1u) == 0) waiter.executor->schedule(waiter.handle);
+    }
+
+private:
+    void terminate(Termination how, std::exception_ptr error) {
+        std::function<void(Termination)> handler;
+        Waiter* waiter = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            if (terminated_) return;
+            terminated_ = true;
+            termination_ = how;
+            handler = std::move(onTermination_);
+            onTermination_ = nullptr;
+            if (how == Termination::cancelled) buffer_.clear();
+            if (waiter_ && buffer_.empty()) {
+                waiter = std::exchange(waiter_, nullptr);
+                waiter->error = std::move(error);
+            } else {
+                error_ = std::move(error);
+            }
+        }
+        if (handler) handler(how);
+        if (waiter) resume(*waiter);
+    }
+
+    std::mutex mutex_;
+    std::deque<T> buffer_;
+    bool terminated_ = false;
+    Termination termination_ = Termination::finished;
+    std::exception_ptr error_;
+    std::function<void(Termination)> onTermination_;
+    Waiter* waiter_ = nullptr;
+};
+
+template <class T, bool Throwing>
+class BasicStream {
+    using State = StreamState<T>;
+
+public:
+    // The producer's handle: copyable, usable from any thread. After the stream has ended,
+    // yield and finish do nothing.
+    class Continuation {
+    public:
+        void yield(T element) const { state_->yield(std::move(element)); }
+        void finish() const { state_->finish(nullptr); }
+        void finish(std::exception_ptr error) const
+            requires Throwing
+        {
+            state_->finish(std::move(error));
+        }
+        // Runs exactly once: when the stream is finished, or when its consumer is cancelled or goes away.
+        void onTermination(std::function<void(Termination)> handler) const { state_->setOnTermination(std::move(handler)); }
+
+    private:
+        friend class BasicStream;
+        explicit Continuation(std::shared_ptr<State> state) : state_(std::move(state)) {}
+        std::shared_ptr<State> state_;
+    };
+
+    struct Pair;
+    static Pair make();
+
+    BasicStream(BasicStream&&) noexcept = default;
+    BasicStream& operator=(BasicStream&& other) noexcept {
+        if (this != &other) {
+            end();
+            state_ = std::move(other.state_);
+        }
+        return *this;
+    }
+    ~BasicStream() { end(); }
+
+    class NextAwaiter {
+    public:
+        explicit NextAwaiter(State* state) : state_(state) {}
+        NextAwaiter(NextAwaiter&& other) noexcept : state_(other.state_) {}
+
+        bool await_ready() const noexcept { return false; }
+        bool await_suspend(std::coroutine_handle<> handle) {
+            waiter_.handle = handle;
+            waiter_.executor = currentExecutor() ? currentExecutor() : &defaultExecutor();
+            waiter_.stream = state_;
+            waiter_.state.store(1u, std::memory_order_relaxed);
+            if (!state_->next(waiter_)) return false;
+            context_ = currentContext();
+            if (context_) {
+                waiter_.run = [](CancellationNode* node) {
+                    auto& waiter = static_cast<typename State::Waiter&>(*node);
+                    // A consumer cancelled while it waits ends the stream and sees its end.
+                    if (waiter.stream->withdraw(waiter)) {
+                        waiter.stream->cancel();
+                        State::resume(waiter);
+                    }
+                };
+                context_->add(waiter_);
+            }
+            return (waiter_.state.fetch_and(~1u, std::memory_order_acq_rel) & 2u) == 0;
+        }
+        std::optional<T> await_resume() {
+            if (context_) context_->remove(waiter_);
+            if constexpr (Throwing) {
+                if (waiter_.error) std::rethrow_exception(waiter_.error);
+            }
+            return std::move(waiter_.element);
+        }
+
+    private:
+        State* state_;
+        typename State::Waiter waiter_;
+        TaskContext* context_ = nullptr;
+    };
+
+    // The next element, or nothing at the end. One consumer at a time.
+    NextAwaiter next() { return NextAwaiter(state_.get()); }
+
+private:
+    explicit BasicStream(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    void end() {
+        if (state_) state_->cancel();
+    }
+    std::shared_ptr<State> state_;
+};
+
+template <class T, bool Throwing>
+struct BasicStream<T, Throwing>::Pair {
+    BasicStream stream;
+    Continuation continuation;
+};
+
+template <class T, bool Throwing>
+typename BasicStream<T, Throwing>::Pair BasicStream<T, Throwing>::make() {
+    auto state = std::make_shared<State>();
+    return Pair{BasicStream(state), Continuation(state)};
+}
+
+}  // namespace detail
+
+// A pull-based sequence fed by a producer from any thread, with an unbounded buffer.
+// `auto [stream, continuation] = AsyncStream<int>::make();`
+template <class T>
+using AsyncStream = detail::BasicStream<T, false>;
+
+// The same, and the producer may end it with an error, which the consumer's next() raises once.
+template <class T>
+using AsyncThrowingStream = detail::BasicStream<T, true>;
+
+}  // namespace orvel::async

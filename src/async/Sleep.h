@@ -1,0 +1,48 @@
+#pragma once
+#include "async/Cancellation.h"
+#include "async/Executor.h"
+#include "async/TimerService.h"
+#include "async/detail/TaskContext.h"
+
+#include <atomic>
+#include <chrono>
+#include <coroutine>
+
+namespace orvel::async {
+
+// Suspends the calling task for a duration without holding a thread. Cancelling the task ends the
+// sleep at once with CancellationError.
+class SleepAwaiter {
+public:
+    explicit SleepAwaiter(std::chrono::nanoseconds duration) : duration_(duration) {}
+    SleepAwaiter(SleepAwaiter&& other) noexcept : duration_(other.duration_) {}
+
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> handle);
+    void await_resume();
+
+private:
+    struct Timer : TimerService::Timer {
+        SleepAwaiter* owner;
+    };
+    struct Node : detail::CancellationNode {
+        SleepAwaiter* owner;
+    };
+    static void fired(TimerService::Timer* timer);
+    static void cancelled(detail::CancellationNode* node);
+    void resumeOnce();
+
+    std::chrono::nanoseconds duration_;
+    Timer timer_;
+    Node node_;
+    detail::TaskContext* context_ = nullptr;
+    std::coroutine_handle<> handle_;
+    Executor* executor_ = nullptr;
+    std::atomic<bool> wasCancelled_{false};
+    // 1: still setting up; 2: resumed. Same scheme as continuations.
+    std::atomic<unsigned> state_{0};
+};
+
+inline SleepAwaiter sleep(std::chrono::nanoseconds duration) { return SleepAwaiter(duration); }
+
+}  // namespace orvel::async

@@ -1,0 +1,50 @@
+#pragma once
+#include "async/Task.h"
+#include "http/HTTPDecoder.h"
+#include "http/HTTPRequest.h"
+#include "http/detail/CancellableScope.h"
+#include "http/detail/ConnectionReader.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace orvel::http {
+
+// The requests of one connection, one after another for as long as the client keeps the
+// connection alive. Decoding runs in a cancellable scope of the connection's task, so complete()
+// (from stop, on any thread) ends a connection that waits idle between requests. The first
+// next() must come from the task that serves the connection.
+class HTTPRequestSequence {
+public:
+    HTTPRequestSequence(std::shared_ptr<detail::ConnectionReader> bytes, std::optional<HTTPRequest::Address> remoteAddress,
+                        HTTPDecoder decoder)
+        : bytes_(std::move(bytes)), remoteAddress_(std::move(remoteAddress)), decoder_(decoder) {}
+    HTTPRequestSequence(const HTTPRequestSequence&) = delete;
+    HTTPRequestSequence& operator=(const HTTPRequestSequence&) = delete;
+    ~HTTPRequestSequence();
+
+    // The next request, or nothing once the sequence is complete or the peer has closed. Other
+    // errors (a malformed request, a read failure, cancellation) are raised.
+    async::Task<std::optional<HTTPRequest>> next();
+
+    // No further request is read; a decode in progress is cancelled. Any thread.
+    void complete();
+    bool isComplete() const noexcept { return isComplete_.load(std::memory_order_acquire); }
+
+    const std::shared_ptr<detail::ConnectionReader>& bytes() const noexcept { return bytes_; }
+    const std::optional<HTTPRequest::Address>& remoteAddress() const noexcept { return remoteAddress_; }
+
+private:
+    std::shared_ptr<detail::ConnectionReader> bytes_;
+    std::optional<HTTPRequest::Address> remoteAddress_;
+    HTTPDecoder decoder_;
+    std::atomic<bool> isComplete_{false};
+    std::mutex mutex_;                               // guards decodeScope_ against complete()
+    std::optional<detail::CancellableScope> decodeScope_;
+    std::optional<HTTPBodySequence> streamedBody_;  // the last request's body when it was streamed
+};
+
+}  // namespace orvel::http

@@ -1,0 +1,47 @@
+#pragma once
+#include "async/Error.h"
+#include "http/WSHandler.h"
+#include "http/WSMessage.h"
+#include "http/WSMessageHandler.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace orvel::http {
+
+// The WSHandler that speaks in messages: reassembles and checks incoming frames, hands text and
+// data to a WSMessageHandler, answers pings, answers the peer's close, and cuts outgoing
+// messages into frames of at most frameSize payload bytes. Holds no per-connection state, so
+// one instance serves any number of connections.
+class MessageFrameWSHandler final : public WSHandler {
+public:
+    // Why the reader of a connection stopped: a message it cannot accept, or the peer's close.
+    class FrameError final : public async::Error {
+    public:
+        enum class Kind { invalid, closed };
+        static FrameError invalid(std::string text) { return FrameError(Kind::invalid, std::move(text)); }
+        static FrameError closed() { return FrameError(Kind::closed, "closed"); }
+        Kind kind() const noexcept { return kind_; }
+
+    private:
+        FrameError(Kind kind, std::string text) : async::Error(std::move(text)), kind_(kind) {}
+        Kind kind_;
+    };
+
+    // frameSize must be at least 1.
+    MessageFrameWSHandler(std::shared_ptr<WSMessageHandler> handler, std::int64_t frameSize);
+
+    async::Task<WSFrameStream> makeFrames(std::shared_ptr<WSFrameSequence> incoming) override;
+
+    // The frames one outgoing message becomes: text or binary first, continuations after, fin on
+    // the last, none for an empty message. Text is cut at byte boundaries.
+    static std::vector<WSFrame> frames(WSMessage message, std::size_t frameSize);
+
+    const std::shared_ptr<WSMessageHandler> handler;
+    const std::int64_t frameSize;
+};
+
+}  // namespace orvel::http

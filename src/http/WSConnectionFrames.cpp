@@ -1,0 +1,101 @@
+#include "http/WSConnectionFrames.h"
+
+#include "http/HTTPConnection.h"
+#include "http/WSFrameEncoder.h"
+#include "http/WSFrameValidator.h"
+#include "net/SocketError.h"
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <exception>
+#include <utility>
+#include <vector>
+
+namespace orvel::http {
+
+namespace {
+
+// Gathering stops once a write holds this much; the rest goes in the next one.
+constexpr std::size_t maxWriteBytes = 256 * 1024;
+
+}  // namespace
+
+async::Task<std::optional<WSFrame>> WSConnectionFrames::next() {
+    {
+        std::lock_guard lock(mutex_);
+        if (stopped_) co_return std::nullopt;
+        reading_ = true;
+    }
+    std::optional<WSFrame> frame;
+    std::exception_ptr failure;
+    try {
+        // A frame over the message limit is refused before its payload is read: the limit
+        // bounds what one connection can make us hold.
+        frame = co_await WSFrameEncoder::decode(reader_, WSFrameValidator::maxMessageSize);
+    } catch (const net::SocketError& error) {
+        if (error.kind() != net::SocketError::Kind::disconnected) failure = std::current_exception();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    std::optional<async::Continuation<void>> waiter;
+    {
+        std::lock_guard lock(mutex_);
+        reading_ = false;
+        waiter = std::exchange(stopWaiter_, std::nullopt);
+    }
+    if (waiter) waiter->resume();
+    if (failure) std::rethrow_exception(failure);
+    co_return frame;
+}
+
+async::Task<void> WSConnectionFrames::stop() {
+    co_await async::withCheckedContinuation<void>([this](async::Continuation<void> continuation) {
+        std::lock_guard lock(mutex_);
+        stopped_ = true;
+        if (reading_) stopWaiter_ = continuation;
+        else continuation.resume();
+    });
+}
+
+async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSHandler> handler, std::string header) {
+    auto incoming = std::make_shared<WSConnectionFrames>(connection.reader());
+    std::optional<WSFrameStream> frames(co_await handler->makeFrames(incoming));
+
+    std::exception_ptr failure;
+    try {
+        co_await connection.write(header);
+        connection.logger()->logInfo(
+            [&] { return "<" + connection.hostname() + "> switching protocol to websocket"; });
+        connection.complete();
+
+        std::vector<std::uint8_t> bytes;  // reused: writing frames allocates nothing here
+        for (;;) {
+            // Waiting (a coroutine of its own) only when nothing is ready.
+            std::optional<WSFrame> frame = frames->tryNext();
+            if (!frame) frame = co_await frames->next();
+            if (!frame) break;
+            bytes.clear();
+            WSFrameEncoder::encode(*frame, bytes);
+            // Frames that are ready as well go out in the same write: one system call for a
+            // burst instead of one per frame.
+            while (bytes.size() < maxWriteBytes) {
+                auto more = frames->tryNext();
+                if (!more) break;
+                WSFrameEncoder::encode(*more, bytes);
+            }
+            co_await connection.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+        }
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    // Dropping the frames stops whatever produces them. A read may still be waiting on the
+    // socket; shutting the read side down ends it (it sees the end of the bytes), so that
+    // nothing touches the connection once it is closed.
+    frames.reset();
+    ::shutdown(connection.socket().file.rawValue, SHUT_RD);
+    co_await incoming->stop();
+    if (failure) std::rethrow_exception(failure);
+}
+
+}  // namespace orvel::http

@@ -1,0 +1,30 @@
+#include "http/WSFrame.h"
+
+#include <string_view>
+
+namespace orvel::http {
+
+WSFrame WSFrame::close(std::optional<std::string_view> reason, std::optional<Mask> mask) {
+    WSFrame frame{.fin = true, .opcode = Opcode::close, .mask = mask};
+    if (!reason) {
+        frame.payload = {0x03, 0xE8};  // 1000, normal closure
+        return frame;
+    }
+    frame.payload.reserve(2 + reason->size());
+    frame.payload.push_back(0x03);  // 1002, protocol error
+    frame.payload.push_back(0xEA);
+    frame.payload.insert(frame.payload.end(), reason->begin(), reason->end());
+    return frame;
+}
+
+}  // namespace orvel::http
+
+std::size_t std::hash<orvel::http::WSFrame>::operator()(const orvel::http::WSFrame& frame) const noexcept {
+    const auto& payload = frame.payload;
+    std::size_t h = std::hash<std::string_view>{}(
+        std::string_view(reinterpret_cast<const char*>(payload.data()), payload.size()));
+    std::size_t header = std::size_t{frame.fin} | std::size_t{frame.rsv1} << 1 | std::size_t{frame.rsv2} << 2 |
+                         std::size_t{frame.rsv3} << 3 | std::size_t{orvel::http::rawValue(frame.opcode)} << 4;
+    if (frame.mask) header ^= (std::hash<orvel::http::WSFrame::Mask>{}(*frame.mask) << 12) | 0x800;
+    return h ^ (header + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2));
+}

@@ -1,0 +1,18 @@
+#pragma once
+#include "async/Task.h"
+#include "http/WSFrame.h"
+
+#include <optional>
+
+namespace orvel::http {
+
+// The incoming frames of one upgraded connection, pulled one at a time: each next() decodes one
+// frame from the connection. Nothing once the peer has gone; throws when a frame cannot be read.
+// One consumer at a time.
+class WSFrameSequence {
+public:
+    virtual ~WSFrameSequence() = default;
+    virtual async::Task<std::optional<WSFrame>> next() = 0;
+};
+
+}  // namespace orvel::http

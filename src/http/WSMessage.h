@@ -1,0 +1,70 @@
+#pragma once
+#include <cassert>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace orvel::http {
+
+// One complete WebSocket message as the application sees it: text (valid UTF-8) or data.
+// A plain value; MessageFrameWSHandler converts between messages and frames.
+class WSMessage {
+public:
+    enum class Kind : std::uint8_t { text, data };
+
+    static WSMessage text(std::string value) { return WSMessage(std::move(value)); }
+    static WSMessage data(std::vector<std::uint8_t> value) { return WSMessage(std::move(value)); }
+
+    Kind kind() const noexcept { return value_.index() == 0 ? Kind::text : Kind::data; }
+    bool isText() const noexcept { return kind() == Kind::text; }
+
+    const std::string& textValue() const noexcept {
+        assert(isText());
+        return *std::get_if<std::string>(&value_);
+    }
+    const std::vector<std::uint8_t>& dataValue() const noexcept {
+        assert(!isText());
+        return *std::get_if<std::vector<std::uint8_t>>(&value_);
+    }
+
+    // The payload as it goes on the wire: the UTF-8 bytes of a text, the bytes of data.
+    std::span<const std::uint8_t> bytes() const noexcept {
+        if (const auto* s = std::get_if<std::string>(&value_)) {
+            return {reinterpret_cast<const std::uint8_t*>(s->data()), s->size()};
+        }
+        const auto& d = *std::get_if<std::vector<std::uint8_t>>(&value_);
+        return {d.data(), d.size()};
+    }
+
+    // The payload bytes, moved out when the message holds data (text has to be copied).
+    std::vector<std::uint8_t> takeBytes() && {
+        if (auto* d = std::get_if<std::vector<std::uint8_t>>(&value_)) return std::move(*d);
+        auto b = bytes();
+        return {b.begin(), b.end()};
+    }
+
+    friend bool operator==(const WSMessage&, const WSMessage&) = default;
+
+private:
+    explicit WSMessage(std::string value) : value_(std::move(value)) {}
+    explicit WSMessage(std::vector<std::uint8_t> value) : value_(std::move(value)) {}
+
+    std::variant<std::string, std::vector<std::uint8_t>> value_;
+};
+
+}  // namespace orvel::http
+
+template <>
+struct std::hash<orvel::http::WSMessage> {
+    std::size_t operator()(const orvel::http::WSMessage& message) const noexcept {
+        auto bytes = message.bytes();
+        std::size_t h = std::hash<std::string_view>{}(
+            std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+        return message.isText() ? h : ~h;
+    }
+};

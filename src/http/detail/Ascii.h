@@ -1,0 +1,105 @@
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace orvel::http::detail {
+
+// ASCII-only case folding: HTTP names are ASCII, and comparing bytes keeps the hot paths free
+// of locale look-ups.
+constexpr char asciiLower(char c) noexcept { return c >= 'A' && c <= 'Z' ? char(c + ('a' - 'A')) : c; }
+constexpr char asciiUpper(char c) noexcept { return c >= 'a' && c <= 'z' ? char(c - ('a' - 'A')) : c; }
+
+constexpr bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (asciiLower(a[i]) != asciiLower(b[i])) return false;
+    }
+    return true;
+}
+
+inline std::string upperCased(std::string_view text) {
+    std::string out(text);
+    for (char& c : out) c = asciiUpper(c);
+    return out;
+}
+
+inline std::string lowerCased(std::string_view text) {
+    std::string out(text);
+    for (char& c : out) c = asciiLower(c);
+    return out;
+}
+
+// Blanks and tabs: the white space that header value lists are trimmed of.
+constexpr std::string_view trimBlanks(std::string_view text) noexcept {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+    return text;
+}
+
+// White space and line breaks (space, \t, \n, \v, \f, \r): what request and header lines are
+// trimmed of.
+constexpr bool isSpaceOrNewline(char c) noexcept { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+constexpr std::string_view trimSpaceAndNewlines(std::string_view text) noexcept {
+    while (!text.empty() && isSpaceOrNewline(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isSpaceOrNewline(text.back())) text.remove_suffix(1);
+    return text;
+}
+
+// Calls f(piece) for every piece of text between separators, skipping empty pieces.
+template <typename F>
+constexpr void forEachNonEmptyPiece(std::string_view text, char separator, F&& f) {
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        std::size_t end = text.find(separator, start);
+        if (end == std::string_view::npos) end = text.size();
+        if (end > start) f(text.substr(start, end - start));
+        start = end + 1;
+    }
+}
+
+// FNV-1a over the lower-cased bytes: the hash of case-insensitive keys.
+constexpr std::size_t hashIgnoringCase(std::string_view text) noexcept {
+    std::uint64_t h = 14695981039346656037ull;
+    for (char c : text) {
+        h ^= static_cast<unsigned char>(asciiLower(c));
+        h *= 1099511628211ull;
+    }
+    return static_cast<std::size_t>(h);
+}
+
+}  // namespace orvel::http::detail
+
+namespace orvel::http::detail {
+
+// Splits at most maxSplits times at `separator`, dropping empty pieces (which do not count as
+// splits); after the last split the rest of the text is one piece as it stands, separators and
+// all. At most maxSplits + 1 pieces.
+template <std::size_t maxSplits>
+struct SplitPieces {
+    std::string_view pieces[maxSplits + 1];
+    std::size_t count = 0;
+};
+
+template <std::size_t maxSplits>
+constexpr SplitPieces<maxSplits> splitOmittingEmpty(std::string_view text, char separator) noexcept {
+    SplitPieces<maxSplits> out;
+    std::size_t start = 0;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        if (text[i] == separator) {
+            bool appended = i > start;
+            if (appended) out.pieces[out.count++] = text.substr(start, i - start);
+            start = ++i;
+            if (appended && out.count == maxSplits) break;
+            continue;
+        }
+        ++i;
+    }
+    if (start < text.size()) out.pieces[out.count++] = text.substr(start);
+    return out;
+}
+
+}  // namespace orvel::http::detail

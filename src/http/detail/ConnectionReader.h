@@ -1,0 +1,73 @@
+#pragma once
+#include "async/Task.h"
+#include "net/Socket.h"
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace orvel::http::detail {
+
+// A connection's bytes as the HTTP layer sees them: non-blocking tries, and a wait for readiness
+// when a try would block. Over an AsyncSocket in the server; over memory in decoder tests.
+class ByteStream {
+public:
+    virtual ~ByteStream() = default;
+    virtual net::Socket::IOResult tryRead(void* into, std::size_t length) noexcept = 0;
+    virtual net::Socket::IOResult tryWrite(const void* from, std::size_t length) noexcept = 0;
+    // Returns when the event is likely ready; throws CancellationError or a socket error.
+    virtual async::Task<void> waitUntil(net::Socket::Event event) = 0;
+    // Wakes waiting tasks and closes the descriptor; a failure to close is ignored.
+    virtual void close() noexcept = 0;
+};
+
+// The read side of a connection: reads up to 4096 bytes per system call into one buffer and
+// serves lines and body bytes from it, so bytes behind a request stay for the next one. Used by
+// one task at a time (requests on a connection are sequential).
+class ConnectionReader {
+public:
+    static constexpr std::size_t readSize = 4096;
+
+    explicit ConnectionReader(std::shared_ptr<ByteStream> stream);
+    ConnectionReader(const ConnectionReader&) = delete;
+    ConnectionReader& operator=(const ConnectionReader&) = delete;
+
+    ByteStream& stream() noexcept { return *stream_; }
+
+    // Bytes read but not yet consumed; valid until the next tryFill().
+    std::string_view buffered() const noexcept { return {buffer_.get() + begin_, end_ - begin_}; }
+    void consume(std::size_t count) noexcept;
+
+    enum class LineStatus { line, needMore, tooLong };
+    // The next line without its "\n" (a "\r" before it stays). A line whose length before "\n"
+    // would pass maxLength bytes is tooLong (a trailing "\r" is not counted).
+    LineStatus takeLine(std::size_t maxLength, std::string_view& line) noexcept;
+
+    // One read into the buffer: true when bytes arrived, false when the read would block. Throws
+    // CancellationError when the calling task is cancelled, SocketError::disconnected at the end
+    // of the stream and SocketError "Read" on failure.
+    bool tryFill();
+    async::Task<void> waitUntilReadable() { return stream_->waitUntil(net::Socket::Event::read); }
+
+    // Fills until at least one byte is buffered.
+    async::Task<void> fill();
+
+    // Set after a response has gone out on a keep-alive connection: the client cannot have sent
+    // its next request yet, so a read now would only report "would block". Waiting first saves
+    // that system call per request.
+    void expectIdle() noexcept { expectIdle_ = true; }
+    bool takeIdleExpectation() noexcept { return std::exchange(expectIdle_, false) && begin_ == end_; }
+
+private:
+    std::shared_ptr<ByteStream> stream_;
+    std::unique_ptr<char[]> buffer_;
+    std::size_t capacity_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    std::size_t scanned_ = 0;  // bytes after begin_ known to hold no "\n"
+    bool expectIdle_ = false;
+};
+
+}  // namespace orvel::http::detail

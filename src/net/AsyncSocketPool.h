@@ -1,0 +1,104 @@
+#pragma once
+#include "async/Cancellation.h"
+#include "async/Executor.h"
+#include "async/Task.h"
+#include "net/Socket.h"
+
+#include <atomic>
+#include <coroutine>
+#include <cstdint>
+#include <optional>
+
+namespace orvel::net {
+
+class AsyncSocketPool;
+
+// One task parked until a descriptor is ready. The node lives in the waiting coroutine's frame
+// (inside SocketWait), so parking allocates nothing; while parked it is linked into its pool's
+// table, which only the pool touches (under its lock).
+class SocketWaiter {
+public:
+    enum class Outcome : std::uint8_t { ready, disconnected, cancelled };
+
+    Socket::FileDescriptor file;
+    Socket::Events events;
+
+    // The pool's links.
+    SocketWaiter* next = nullptr;
+    SocketWaiter* previous = nullptr;
+    bool linked = false;
+
+    // Prepares the resumption of `handle` on the executor it runs on.
+    void prepare(std::coroutine_handle<> handle) noexcept;
+    // True when the task stays suspended; false when it was resumed while still setting up
+    // (it then goes on by itself, nothing was posted).
+    bool commitSuspension() noexcept { return (state_.fetch_and(~suspending, std::memory_order_acq_rel) & resumed) == 0; }
+    // Resumes the task with `outcome`: exactly once, from any thread, by posting it to its
+    // executor. The node must not be touched afterwards.
+    void resume(Outcome outcome) noexcept;
+    // The same, running the task on the calling thread where its executor allows it.
+    void resumeHere(Outcome outcome) noexcept;
+    Outcome outcome() const noexcept { return outcome_; }
+
+private:
+    void settle(Outcome outcome, bool here) noexcept;
+
+    static constexpr unsigned suspending = 1;
+    static constexpr unsigned resumed = 2;
+
+    std::coroutine_handle<> handle_;
+    async::Executor* executor_ = nullptr;
+    Outcome outcome_ = Outcome::ready;
+    std::atomic<unsigned> state_{0};
+};
+
+// `co_await pool.suspendSocket(socket, events)`: returns once the descriptor is reported ready
+// for one of `events`; throws SocketError::disconnected when it is reported with an error (or
+// closed through the pool), async::CancellationError when the task is cancelled, and the pool's
+// error when the pool takes no waiters.
+class SocketWait {
+public:
+    SocketWait(AsyncSocketPool& pool, Socket::FileDescriptor file, Socket::Events events) noexcept : pool_(&pool) {
+        waiter_.file = file;
+        waiter_.events = events;
+    }
+    // Moved only before it suspends.
+    SocketWait(SocketWait&& other) noexcept : SocketWait(*other.pool_, other.waiter_.file, other.waiter_.events) {}
+
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> handle);
+    void await_resume();
+
+private:
+    AsyncSocketPool* pool_;
+    SocketWaiter waiter_;
+    std::optional<async::CancellationHandler> onCancel_;
+    bool cancelledEarly_ = false;
+};
+
+// The event loop tasks park on when a non-blocking socket would block. prepare() once, then
+// run() drives the loop for as long as the pool serves (cancel the task running it to stop);
+// any task may park meanwhile. Shared by its sockets as std::shared_ptr<AsyncSocketPool>.
+class AsyncSocketPool {
+public:
+    virtual ~AsyncSocketPool() = default;
+
+    virtual async::Task<void> prepare() = 0;
+    virtual async::Task<void> run() = 0;
+
+    SocketWait suspendSocket(Socket socket, Socket::Events events) noexcept { return SocketWait(*this, socket.file, events); }
+
+    // Call before closing a descriptor tasks may be waiting on: wakes them with disconnected and
+    // drops its registrations while the number still belongs to it (after close it may name a
+    // new socket, and epoll forgets a closed descriptor without waking anyone).
+    virtual void descriptorWillClose(Socket::FileDescriptor file) noexcept = 0;
+
+protected:
+    friend class SocketWait;
+    // Links the waiter and registers its events; throws when the pool takes no waiters.
+    virtual void park(SocketWaiter& waiter) = 0;
+    // Unlinks the waiter when it is still parked and resumes it as cancelled; else nothing.
+    virtual void cancel(SocketWaiter& waiter) noexcept = 0;
+};
+
+}  // namespace orvel::net

@@ -1,0 +1,128 @@
+#pragma once
+#include <concepts>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace orvel::net {
+
+// A message that is built only when a logger decides to write it. It refers to the caller's
+// callable (or text) without owning or copying it, so it lives only for the logging call.
+class LogMessage {
+public:
+    // Any callable returning something a std::string can be made from.
+    template <class F>
+        requires std::invocable<F&> && std::constructible_from<std::string, std::invoke_result_t<F&>>
+    LogMessage(F& make) noexcept  // NOLINT(google-explicit-constructor)
+        : object_(static_cast<const void*>(std::addressof(make))),
+          build_([](const void* object) -> std::string {
+              return std::string(std::invoke(*static_cast<F*>(const_cast<void*>(object))));
+          }) {}
+
+    // Fixed text: nothing to build.
+    LogMessage(std::string_view text) noexcept  // NOLINT(google-explicit-constructor)
+        : text_(text) {}
+
+    std::string operator()() const { return build_ ? build_(object_) : std::string(text_); }
+
+private:
+    const void* object_ = nullptr;
+    std::string (*build_)(const void*) = nullptr;
+    std::string_view text_;
+};
+
+// The five-level logging interface of the socket layer and the HTTP server. A logger is
+// immutable once made and may be used from any thread; share it as std::shared_ptr<Logging>
+// (see Logger below). The front end takes the message as a callable
+// (`logger->logInfo([&] { return "<" + host + "> open connection"; })`) or as fixed text, and a
+// logger that drops the level never calls it, so a dropped line costs no allocation.
+class Logging {
+public:
+    enum class Level { debug, info, warning, error, critical };
+
+    virtual ~Logging() = default;
+
+    template <class F>
+    void logDebug(F&& message) const { log(Level::debug, toMessage(message)); }
+    template <class F>
+    void logInfo(F&& message) const { log(Level::info, toMessage(message)); }
+    template <class F>
+    void logWarning(F&& message) const { log(Level::warning, toMessage(message)); }
+    template <class F>
+    void logError(F&& message) const { log(Level::error, toMessage(message)); }
+    template <class F>
+    void logCritical(F&& message) const { log(Level::critical, toMessage(message)); }
+
+    // The back end: writes the message, or drops it without calling it.
+    virtual void log(Level level, const LogMessage& message) const = 0;
+
+    // "debug", "info", "warning", "error", "critical".
+    static std::string_view name(Level level) noexcept;
+
+private:
+    template <class F>
+    static LogMessage toMessage(F& message) noexcept {
+        if constexpr (std::is_convertible_v<F&, std::string_view> && !std::invocable<F&>)
+            return LogMessage(std::string_view(message));
+        else
+            return LogMessage(message);
+    }
+};
+
+// The shared handle every layer holds.
+using Logger = std::shared_ptr<const Logging>;
+
+// Writes every line to standard output as "[category] level: message". No level filter.
+class PrintLogger final : public Logging {
+public:
+    explicit PrintLogger(std::string category) : category_(std::move(category)) {}
+    const std::string& category() const noexcept { return category_; }
+    void log(Level level, const LogMessage& message) const override;
+
+private:
+    std::string category_;
+};
+
+// Drops everything and never builds a message.
+class DisabledLogger final : public Logging {
+public:
+    void log(Level, const LogMessage&) const override {}
+};
+
+// The system log: the systemd journal (identifier "orvel", the category in field CATEGORY,
+// the subsystem in SUBSYSTEM when given) when its socket is writable, otherwise one line on
+// standard error ("orvel: [category] level: message"). Without journald sd_journal_send
+// returns 0 and drops the line, hence the check of the socket at construction.
+// Levels below `minimumLevel` are dropped unevaluated; like unified logging, debug is off by
+// default. Warning, error and critical all go to the journal at error priority.
+class JournalLogger final : public Logging {
+public:
+    static constexpr std::string_view journalSocketPath = "/run/systemd/journal/socket";
+
+    struct Options {
+        std::string subsystem = {};
+        Level minimumLevel = Level::info;
+        std::string journalSocket = std::string(journalSocketPath);
+    };
+
+    explicit JournalLogger(std::string category);
+    JournalLogger(std::string category, Options options);
+
+    const std::string& category() const noexcept { return category_; }
+    bool writesToJournal() const noexcept { return toJournal_; }
+    void log(Level level, const LogMessage& message) const override;
+
+private:
+    std::string category_;
+    std::string subsystem_;
+    Level minimumLevel_;
+    bool toJournal_;
+};
+
+// The logger a layer uses when it is given none: the system log for `category`.
+Logger defaultLogger(std::string category);
+
+}  // namespace orvel::net

@@ -1,0 +1,104 @@
+#include "net/Poll.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <cmath>
+#include <limits>
+
+namespace orvel::net {
+
+namespace {
+
+int milliseconds(Poll::Interval interval) {
+    const double value = interval.secondsValue * 1000;
+    assert(std::isfinite(value) && value >= std::numeric_limits<int>::min() && value <= std::numeric_limits<int>::max());
+    return static_cast<int>(value);
+}
+
+}  // namespace
+
+Poll::Poll(Interval interval, Logger logger) : timeoutMilliseconds_(milliseconds(interval)), logger_(std::move(logger)) {}
+
+void Poll::open() {
+    std::lock_guard guard(lock_);
+    entries_.clear();
+    isOpen_ = true;
+}
+
+void Poll::close() {
+    std::lock_guard guard(lock_);
+    entries_.clear();
+    isOpen_ = false;
+}
+
+bool Poll::isOpen() const {
+    std::lock_guard guard(lock_);
+    return isOpen_;
+}
+
+std::vector<Poll::Entry> Poll::entries() const {
+    std::lock_guard guard(lock_);
+    return entries_;
+}
+
+void Poll::addEvents(Socket::Events events, Socket::FileDescriptor file) {
+    std::lock_guard guard(lock_);
+    if (!isOpen_)
+        throw SocketError::failed("poll.addEvents notReady", errno);
+    const Entry entry{file, events};
+    if (std::find(entries_.begin(), entries_.end(), entry) == entries_.end())
+        entries_.push_back(entry);
+}
+
+void Poll::removeEvents(Socket::Events events, Socket::FileDescriptor file) {
+    std::lock_guard guard(lock_);
+    if (!isOpen_)
+        throw SocketError::failed("poll.removeEvents notReady", errno);
+    std::erase(entries_, Entry{file, events});
+}
+
+void Poll::getNotifications(std::vector<EventNotification>& into) {
+    into.clear();
+    std::vector<pollfd> list;
+    {
+        std::lock_guard guard(lock_);
+        if (!isOpen_)
+            throw SocketError::failed("poll.getNotifications notReady", errno);
+        list.reserve(entries_.size());
+        for (const auto& entry : entries_) {
+            const short events = static_cast<short>((entry.events.contains(Socket::Event::read) ? POLLIN : 0) |
+                                                    (entry.events.contains(Socket::Event::write) ? POLLOUT : 0));
+            list.push_back({entry.file.rawValue, events, 0});
+        }
+    }
+    if (::poll(list.data(), list.size(), timeoutMilliseconds_) < 0)
+        throw SocketError::failed("poll.getNotifications poll", errno);
+    for (const auto& item : list) {
+        EventNotification::Errors errors;
+        if (item.revents & POLLHUP)
+            errors.insert(EventNotification::Error::endOfFile);
+        if (item.revents & (POLLERR | POLLNVAL))
+            errors.insert(EventNotification::Error::error);
+        const bool askedRead = item.events & POLLIN;
+        if ((item.events & POLLOUT) && !errors.empty()) {
+            Socket::Events events = Socket::Event::write;
+            if (askedRead)
+                events.insert(Socket::Event::read);
+            into.push_back({Socket::FileDescriptor{item.fd}, events, errors});
+            continue;
+        }
+        if (!(item.revents & item.events))
+            continue;
+        Socket::Events events;
+        if (item.revents & POLLIN)
+            events.insert(Socket::Event::read);
+        if (item.revents & POLLOUT)
+            events.insert(Socket::Event::write);
+        into.push_back({Socket::FileDescriptor{item.fd}, events, {}});
+    }
+}
+
+}  // namespace orvel::net

@@ -1,0 +1,65 @@
+#pragma once
+#include "net/Logging.h"
+#include "platform/MainLoop.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orvel::platform {
+
+// The application's menu-bar item and its main loop: a GTK 3 + Ayatana AppIndicator tray icon
+// whose menu is a greyed title, a separator and "Quit". Without a graphical session (no display
+// GTK can open) it runs headless on a plain GLib main loop and logs that it does. "Quit",
+// SIGINT and SIGTERM all take one quit path: the quit handler runs on the main thread, then
+// run() returns. One per process: construct, run and destroy it on the main thread.
+class TrayIcon final : public MainLoop {
+public:
+    struct Configuration {
+        std::string identifier = "com.tamrix.orvel";  // the item's id on the session bus
+        std::string name = "Tamrix Orvel";             // the item's title for tray hosts
+        std::string title = "Tamrix Orvel";            // the menu's first, greyed item
+        std::string iconName = "MenuBarIcon";
+        std::string iconDirectory = {};                // folder with <iconName>.svg; empty: icon theme only
+        net::Logger logger = {};                       // null: the system log, category "ApplicationCode"
+    };
+
+    // "Tamrix Orvel (v412)" for version 412; "Tamrix Orvel" when there is no version.
+    static std::string menuTitle(const std::optional<std::string>& appVersion);
+
+    // The installed icon folder next to `executable` (../share/orvel/icons), else the source
+    // tree's (../resources/icons) for a build folder inside it; empty when neither has the icon.
+    static std::string iconDirectoryFor(const std::filesystem::path& executable,
+                                        const std::string& iconName = "MenuBarIcon");
+
+    explicit TrayIcon(Configuration configuration);
+    ~TrayIcon() override;
+    TrayIcon(const TrayIcon&) = delete;
+    TrayIcon& operator=(const TrayIcon&) = delete;
+
+    // True when no display could be opened and there is no tray icon.
+    bool isHeadless() const noexcept;
+
+    // Runs on the main thread when the quit path is taken, before run() returns. Set before run().
+    void setQuitHandler(std::function<void()> handler) override;
+
+    // Runs the main loop until the quit path has run. Work posted but not yet run when the quit
+    // path ends the loop is dropped.
+    void run() override;
+
+    // Takes the quit path, as "Quit" and the signals do; from any thread. Only the first of
+    // several requests runs the handler.
+    void terminate() override;
+
+    // Runs `work` on the main thread, in the order posted; from any thread. Must not race
+    // the destructor.
+    void post(std::function<void()> work) override;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace orvel::platform

@@ -1,0 +1,141 @@
+#include "app/AudioCapture.h"
+
+#include "app/AudioCaptureTestSupport.h"
+#include "async/Spawn.h"
+#include "platform/PulseAudioCapture.h"
+#include "platform/PulseAudioError.h"
+#include "platform/PulseAudioFixture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace orvel {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+// Bytes a consumer task has received so far, for the test thread to wait on.
+struct Received {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::uint8_t> bytes;
+
+    // Waits until `more` samples beyond those there now have arrived; the guard only stops a hang.
+    bool waitForMore(std::size_t more) {
+        std::unique_lock lock(mutex);
+        const std::size_t wanted = bytes.size() / 2 + more;
+        return changed.wait_for(lock, 30s, [&] { return bytes.size() / 2 >= wanted; });
+    }
+};
+
+async::Task<void> collect(AudioCaptureStream stream, std::shared_ptr<Received> received) {
+    while (auto element = co_await stream.next()) {
+        std::lock_guard lock(received->mutex);
+        received->bytes.insert(received->bytes.end(), element->begin(), element->end());
+        received->changed.notify_all();
+    }
+}
+
+class AudioCaptureWithPulseAudio : public ::testing::Test {
+public:
+    static void SetUpTestSuite() { server_ = std::make_unique<test::PulseAudioServer>(); }
+    static void TearDownTestSuite() { server_.reset(); }
+
+    static AudioCaptureEnvironment environment(const std::shared_ptr<test::RecordingLogger>& logger,
+                                               const std::string& server = server_->server()) {
+        return {std::make_shared<platform::PulseAudioCaptureService>(platform::PulseAudioCapture::Options{.server = server}),
+                logger};
+    }
+
+    static inline std::unique_ptr<test::PulseAudioServer> server_;
+};
+
+struct Capture {
+    int rate;
+    std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
+    std::shared_ptr<Received> received = std::make_shared<Received>();
+    async::TaskHandle<void> consumer;
+
+    // Waits until a quarter second more than now has arrived: what was played before this call
+    // has then passed through the server.
+    void flush() { ASSERT_TRUE(received->waitForMore(rate / 4)) << rate << " Hz stalled"; }
+    void end() {
+        consumer.cancel();
+        consumer.wait();
+    }
+    std::vector<float> samples() {
+        std::lock_guard lock(received->mutex);
+        return test::int16ToFloats(received->bytes);
+    }
+};
+
+// Both rates at once: two independent captures hear the same sine and the same phrase.
+TEST_F(AudioCaptureWithPulseAudio, TwoCapturesAt16000And48000HearWhatIsPlayed) {
+    test::TestSignals signals;
+    const auto sine = signals.sine(440, 0.5, 1.5);
+    const auto speech = signals.speech("Hello, this is a loopback capture test.");
+
+    std::vector<Capture> captures(2);
+    captures[0].rate = 16000;
+    captures[1].rate = 48000;
+    for (auto& capture : captures) {
+        auto stream = async::syncWait(startAudioCapture(capture.rate, environment(capture.logger)));
+        capture.consumer = async::spawn(collect(std::move(stream), capture.received));
+    }
+    EXPECT_EQ(server_->sourceOutputs().size(), 2u);
+
+    for (const auto& file : {sine, speech}) {
+        auto player = server_->play(file);
+        ASSERT_EQ(player->exitCode(), 0) << player->output();
+    }
+    for (auto& capture : captures) capture.flush();
+
+    // Ending the first leaves the second running.
+    captures[0].end();
+    captures[1].flush();
+    EXPECT_EQ(server_->sourceOutputs().size(), 1u);
+    captures[1].end();
+    EXPECT_TRUE(server_->waitUntilNoSourceOutputs()) << "a record stream outlived its byte stream";
+
+    for (auto& capture : captures) {
+        SCOPED_TRACE(std::to_string(capture.rate) + " Hz");
+        const auto captured = capture.samples();
+        const auto window = static_cast<std::size_t>(capture.rate / 10);  // 100 ms from the middle
+        const auto sineMatch = test::findWindow(captured, signals.samples(sine, capture.rate), window);
+        EXPECT_GT(sineMatch.correlation, 0.95);
+        EXPECT_NEAR(sineMatch.levelRatio, 1.0, 0.2);
+        const auto speechMatch = test::findWindow(captured, signals.samples(speech, capture.rate), window);
+        EXPECT_GT(speechMatch.correlation, 0.9);
+        EXPECT_NEAR(speechMatch.levelRatio, 1.0, 0.2);
+        EXPECT_LT(sineMatch.offset, speechMatch.offset) << "played in that order";
+        EXPECT_THAT(capture.logger->lines(),
+                    ::testing::ElementsAre("info: Starting audio capture.",
+                                           "info: Stream will close, stopping audio capture.",
+                                           "info: Stopped audio capture."));
+    }
+}
+
+TEST_F(AudioCaptureWithPulseAudio, DroppingTheStreamRightAwayLeavesNoRecordStream) {
+    auto logger = std::make_shared<test::RecordingLogger>();
+    for (int i = 0; i < 5; ++i) {
+        auto stream = async::syncWait(startAudioCapture(48000, environment(logger)));
+    }
+    EXPECT_TRUE(server_->waitUntilNoSourceOutputs());
+}
+
+TEST(AudioCaptureWithoutServer, FailsNamingTheReason) {
+    test::TemporaryFolder folder;
+    auto logger = std::make_shared<test::RecordingLogger>();
+    auto environment = AudioCaptureWithPulseAudio::environment(logger, "unix:" + (folder.path() / "native").string());
+    try {
+        async::syncWait(startAudioCapture(48000, environment));
+        FAIL() << "started without a server";
+    } catch (const platform::PulseAudioError& error) {
+        EXPECT_EQ(error.description(), "PulseAudioError. Connect(6): Connection refused");
+        EXPECT_FALSE(isCapturePermissionRefused(std::current_exception()));
+    }
+}
+
+}  // namespace
+}  // namespace orvel

@@ -1,0 +1,184 @@
+#include "app/OrvelMessageHandler.h"
+
+#include "app/AudioCaptureTestSupport.h"
+#include "app/StreamCount.h"
+#include "async/Async.h"
+#include "e2e/Process.h"
+#include "platform/PulseAudioError.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+namespace orvel {
+namespace {
+
+using http::WSMessage;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// A capture the test feeds by hand: the stream is handed to the first start, the feed stays here.
+struct FakeCapture {
+    std::optional<AudioCaptureStream> stream;
+    std::optional<AudioCaptureStream::Continuation> feed;
+    std::exception_ptr startError;
+    std::vector<std::int64_t> startedRates;
+    std::shared_ptr<std::atomic<bool>> terminated = std::make_shared<std::atomic<bool>>(false);
+
+    FakeCapture() {
+        auto [bytes, continuation] = AudioCaptureStream::make();
+        continuation.onTermination([ended = terminated](async::Termination) { *ended = true; });
+        stream.emplace(std::move(bytes));
+        feed.emplace(continuation);
+    }
+};
+
+async::Task<AudioCaptureStream> fakeStart(std::shared_ptr<FakeCapture> fake, std::int64_t rate) {
+    fake->startedRates.push_back(rate);
+    if (fake->startError) std::rethrow_exception(fake->startError);
+    co_return std::move(*fake->stream);
+}
+
+CaptureStart startingWith(std::shared_ptr<FakeCapture> fake) {
+    return [fake](std::int64_t rate) { return fakeStart(fake, rate); };
+}
+
+std::vector<std::uint8_t> bytes(std::size_t count) {
+    std::vector<std::uint8_t> result(count);
+    for (std::size_t i = 0; i < count; ++i) result[i] = static_cast<std::uint8_t>(i);
+    return result;
+}
+
+class StreamAudio : public ::testing::Test {
+protected:
+    // Runs streamAudio to its end with the given incoming messages; returns what it sent.
+    std::vector<WSMessage> run(std::vector<WSMessage> incomingMessages, CaptureStart start) {
+        auto [incoming, in] = async::AsyncStream<WSMessage>::make();
+        for (auto& message : incomingMessages) in.yield(std::move(message));
+        in.finish();
+        auto [outgoing, out] = async::AsyncStream<WSMessage>::make();
+        async::syncWait(streamAudio(std::move(incoming), out, std::move(start), logger_));
+        return async::syncWait(collect(std::move(outgoing)));
+    }
+
+    static async::Task<std::vector<WSMessage>> collect(async::AsyncStream<WSMessage> outgoing) {
+        std::vector<WSMessage> result;
+        while (auto message = co_await outgoing.next()) result.push_back(std::move(*message));
+        co_return result;
+    }
+    static std::size_t drainOne(async::AsyncStream<WSMessage>& outgoing) { return async::syncWait(nextSize(&outgoing)); }
+    static async::Task<std::size_t> nextSize(async::AsyncStream<WSMessage>* outgoing) {
+        auto message = co_await outgoing->next();
+        co_return message ? message->bytes().size() : 0;
+    }
+    static std::vector<std::size_t> sizes(const std::vector<WSMessage>& messages) {
+        std::vector<std::size_t> result;
+        for (const auto& m : messages) result.push_back(m.bytes().size());
+        return result;
+    }
+
+    void TearDown() override { EXPECT_EQ(currentStreamCount().value(), 0) << "every way out lowers the count"; }
+
+    std::shared_ptr<test::RecordingLogger> logger_ = std::make_shared<test::RecordingLogger>();
+    std::shared_ptr<FakeCapture> fake_ = std::make_shared<FakeCapture>();
+};
+
+const WSMessage config48k = WSMessage::text(R"({"type": "loopback", "sample_rate": 48000})");
+
+// Whatever pieces the capture delivers, the page gets the bytes unchanged in 100 ms messages
+// and the rest at the end.
+TEST_F(StreamAudio, CutsTheCaptureIntoHundredMillisecondMessagesWhateverItsPieces) {
+    const auto all = bytes(3200 * 3 + 10);
+    for (std::size_t piece : {1u, 7u, 3199u, 3200u, 3201u, 10000u}) {
+        auto fake = std::make_shared<FakeCapture>();
+        for (std::size_t at = 0; at < all.size(); at += piece)
+            fake->feed->yield({all.begin() + at, all.begin() + std::min(all.size(), at + piece)});
+        fake->feed->finish();
+        auto sent = run({WSMessage::text(R"({"type":"loopback","sample_rate":16000})")}, startingWith(fake));
+        EXPECT_THAT(fake->startedRates, ElementsAre(16000));
+        EXPECT_THAT(sizes(sent), ElementsAre(3200, 3200, 3200, 10)) << "pieces of " << piece;
+        std::vector<std::uint8_t> joined;
+        for (const auto& m : sent) {
+            EXPECT_FALSE(m.isText());
+            joined.insert(joined.end(), m.bytes().begin(), m.bytes().end());
+        }
+        EXPECT_EQ(joined, all);
+    }
+    EXPECT_THAT(logger_->lines(), IsEmpty());
+}
+
+TEST_F(StreamAudio, AnythingButAConfigurationFirstEndsWithoutCounting) {
+    const std::vector<std::vector<WSMessage>> firsts{
+        {},
+        {WSMessage::data(bytes(4))},
+        {WSMessage::text("hello")},
+        {WSMessage::text(R"({"type": "microphone", "sample_rate": 48000})")},
+        {WSMessage::text(R"({"type": "loopback", "sample_rate": -1})")},
+    };
+    std::int64_t highest = 0;
+    auto watch = currentStreamCount().subscribe([&](std::int64_t value) { highest = std::max(highest, value); });
+    for (const auto& first : firsts) {
+        auto sent = run(first, startingWith(fake_));
+        EXPECT_THAT(sent, IsEmpty());
+    }
+    EXPECT_EQ(highest, 0);
+    EXPECT_THAT(fake_->startedRates, IsEmpty());
+    EXPECT_EQ(logger_->lines(), std::vector<std::string>(firsts.size(), "error: Could not parse configuration, closing WebSocket connection."));
+}
+
+TEST_F(StreamAudio, ACaptureFailureDropsPendingBytesLogsAndLowersTheCount) {
+    std::vector<std::int64_t> counts;
+    auto watch = currentStreamCount().subscribe([&](std::int64_t value) { counts.push_back(value); });
+    fake_->feed->yield(bytes(9600 + 100));
+    fake_->feed->finish(std::make_exception_ptr(platform::PulseAudioError::failed("Read", 11)));
+    auto sent = run({config48k}, startingWith(fake_));
+    EXPECT_THAT(sizes(sent), ElementsAre(9600));
+    EXPECT_THAT(counts, ElementsAre(0, 1, 0));
+    ASSERT_EQ(logger_->lines().size(), 1u);
+    EXPECT_THAT(logger_->lines()[0], ::testing::StartsWith("error: Audio capture failed prematurely ("));
+    EXPECT_THAT(logger_->lines()[0], ::testing::EndsWith("), closing WebSocket connection."));
+}
+
+TEST_F(StreamAudio, ARefusedPermissionHasItsOwnLine) {
+    fake_->startError = std::make_exception_ptr(platform::PulseAudioError::failed("Connect", 1));  // access denied
+    auto sent = run({config48k}, startingWith(fake_));
+    EXPECT_THAT(sent, IsEmpty());
+    EXPECT_THAT(logger_->lines(), ElementsAre("error: User didn't grant screen capture permission, closing WebSocket connection."));
+}
+
+TEST_F(StreamAudio, RatesTheCaptureCannotServeTakeThePrematureFailurePath) {
+    // The real capture start: it refuses these rates before it touches a sound server.
+    for (const char* rate : {"0", "7999", "384001", "18446744073709551615"}) {
+        std::vector<std::int64_t> counts;
+        auto watch = currentStreamCount().subscribe([&](std::int64_t value) { counts.push_back(value); });
+        auto logger = std::make_shared<test::RecordingLogger>();
+        logger_ = logger;
+        auto sent = run({WSMessage::text(std::string(R"({"type":"loopback","sample_rate":)") + rate + "}")},
+                        [](std::int64_t r) { return startAudioCapture(r); });
+        EXPECT_THAT(sent, IsEmpty()) << rate;
+        EXPECT_THAT(counts, ElementsAre(0, 1, 0)) << rate;
+        ASSERT_EQ(logger->lines().size(), 1u) << rate;
+        EXPECT_EQ(logger->lines()[0], "error: Audio capture failed prematurely (" +
+                                          AudioCaptureError::cannotCreateSourceFormat().description() +
+                                          "), closing WebSocket connection.")
+            << rate;
+    }
+}
+
+TEST_F(StreamAudio, AConnectionThatGoesAwayCancelsTheStreamAndEndsTheCapture) {
+    OrvelMessageHandler handler(startingWith(fake_), logger_);
+    auto [incoming, in] = async::AsyncStream<WSMessage>::make();
+    in.yield(config48k);
+    auto outgoing = async::syncWait(handler.makeMessages(std::move(incoming)));
+    fake_->feed->yield(bytes(9600 + 50));
+    EXPECT_EQ(drainOne(outgoing), 9600u);
+    EXPECT_EQ(currentStreamCount().value(), 1);
+    { auto gone = std::move(outgoing); }
+    EXPECT_TRUE(test::waitUntil([&] { return fake_->terminated->load() && currentStreamCount().value() == 0; }));
+    // Cancellation ends the capture like its normal end: no failure is logged.
+    EXPECT_THAT(logger_->lines(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace orvel

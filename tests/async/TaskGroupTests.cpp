@@ -1,0 +1,93 @@
+#include "async/Async.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+using namespace orvel::async;
+using namespace std::chrono_literals;
+
+namespace {
+
+Task<int> after(std::chrono::milliseconds delay, int value) {
+    co_await sleep(delay);
+    co_return value;
+}
+
+Task<std::vector<int>> collect() {
+    TaskGroup<int> group;
+    group.add(after(30ms, 3));
+    group.add(after(1ms, 1));
+    group.add(after(15ms, 2));
+    std::vector<int> order;
+    while (auto value = co_await group.next()) order.push_back(*value);
+    co_return order;
+}
+
+Task<int> cancelAllEndsSleepers() {
+    TaskGroup<int> group;
+    for (int i = 0; i < 10; ++i) group.add(after(1h, i));
+    group.cancelAll();
+    group.add(after(1h, 99));  // added after cancelAll: starts cancelled
+    int cancelled = 0;
+    while (auto result = co_await group.nextResult()) {
+        try {
+            result->get();
+        } catch (const CancellationError&) {
+            ++cancelled;
+        }
+    }
+    co_return cancelled;
+}
+
+Task<void> failsAfter(std::chrono::milliseconds delay) {
+    co_await sleep(delay);
+    throw std::runtime_error("child failed");
+}
+
+Task<int> waitForAllRethrows() {
+    TaskGroup<void> group;
+    std::atomic<int> finished{0};
+    group.add([](std::atomic<int>* finished) -> Task<void> {
+        co_await sleep(10ms);
+        finished->fetch_add(1);
+    }(&finished));
+    group.add(failsAfter(1ms));
+    try {
+        co_await group.waitForAll();
+    } catch (const std::runtime_error&) {
+        co_return finished.load();  // every child had finished before the error came out
+    }
+    co_return -1;
+}
+
+Task<int> discardingGroupKeepsNothing(std::atomic<int>* ran) {
+    TaskGroup<void> group(true);
+    for (int i = 0; i < 2000; ++i) {
+        group.add([](std::atomic<int>* ran) -> Task<void> {
+            ran->fetch_add(1);
+            co_return;
+        }(ran));
+    }
+    co_await group.waitForAll();
+    co_return group.isEmpty() ? 1 : 0;
+}
+
+}  // namespace
+
+TEST(TaskGroups, ReturnResultsInTheOrderChildrenFinish) {
+    EXPECT_EQ(syncWait(collect()), (std::vector<int>{1, 2, 3}));
+}
+
+TEST(TaskGroups, CancelAllCancelsRunningAndLaterChildren) { EXPECT_EQ(syncWait(cancelAllEndsSleepers()), 11); }
+
+TEST(TaskGroups, WaitForAllWaitsForEveryChildThenRethrowsTheError) { EXPECT_EQ(syncWait(waitForAllRethrows()), 1); }
+
+TEST(TaskGroups, ADiscardingGroupRunsEveryChildAndEndsEmpty) {
+    std::atomic<int> ran{0};
+    EXPECT_EQ(syncWait(discardingGroupKeepsNothing(&ran)), 1);
+    EXPECT_EQ(ran.load(), 2000);
+}

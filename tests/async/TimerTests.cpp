@@ -1,0 +1,71 @@
+#include "async/Async.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+using namespace orvel::async;
+using namespace std::chrono_literals;
+
+namespace {
+
+int threadCount() {
+    int count = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+        closedir(dir);
+    }
+    return count;
+}
+
+Task<void> napThenCount(std::atomic<int>* woke) {
+    co_await sleep(50ms);
+    woke->fetch_add(1);
+}
+
+}  // namespace
+
+TEST(Timers, TenThousandSleepingTasksRunOnAFixedNumberOfThreads) {
+    syncWait([]() -> Task<void> { co_await sleep(1ms); }());  // pool and timer thread exist now
+    int before = threadCount();
+    std::atomic<int> woke{0};
+    std::vector<TaskHandle<void>> handles;
+    handles.reserve(10000);
+    for (int i = 0; i < 10000; ++i) handles.push_back(spawn(napThenCount(&woke)));
+    int during = threadCount();
+    for (auto& handle : handles) handle.wait();
+    EXPECT_EQ(woke.load(), 10000);
+    EXPECT_EQ(during, before);
+    EXPECT_EQ(threadCount(), before);
+}
+
+TEST(Timers, SleepNeverEndsBeforeItsDuration) {
+    auto start = std::chrono::steady_clock::now();
+    syncWait([]() -> Task<void> { co_await sleep(20ms); }());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+}
+
+TEST(Timers, CancelledAsTheyFireEachSleepEndsExactlyOnce) {
+    // Cancellation lands right around the deadline: each sleep must end once, either way.
+    std::atomic<int> ended{0};
+    std::vector<TaskHandle<void>> handles;
+    for (int i = 0; i < 3000; ++i) {
+        handles.push_back(spawn([](std::atomic<int>* ended) -> Task<void> {
+            try {
+                co_await sleep(1ms);
+            } catch (const CancellationError&) {
+            }
+            ended->fetch_add(1);
+        }(&ended)));
+        if (i % 50 == 0) std::this_thread::sleep_for(1ms);
+        handles[i / 2].cancel();
+    }
+    for (auto& handle : handles) handle.cancel();
+    for (auto& handle : handles) handle.wait();
+    EXPECT_EQ(ended.load(), 3000);
+}

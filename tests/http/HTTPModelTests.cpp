@@ -1,0 +1,72 @@
+#include "http/HTTPRequest.h"
+
+#include "HTTPTestSupport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace orvel::http {
+namespace {
+
+using ::testing::ElementsAre;
+using QueryItem = HTTPRequest::QueryItem;
+
+HTTPRequest requestWith(HTTPHeaders headers) { return request("GET", "/", std::move(headers)); }
+
+TEST(HTTPHeaderNames, SurviveSettingAValueTakenFromTheSameHeaders) {
+    HTTPHeaders headers{{"A", "short"}, {"B", "a much longer value than the other"}};
+    headers.set("A", *headers.value("B"));
+    headers.set("C", *headers.value("A"));
+    // Names compare without case.
+    EXPECT_EQ(headers, (HTTPHeaders{{"c", "a much longer value than the other"},
+                                    {"b", "a much longer value than the other"},
+                                    {"a", "a much longer value than the other"}}));
+}
+
+TEST(HTTPHeaderValueLists, SplitTrimAndJoin) {
+    HTTPHeaders headers{{"Transfer-Encoding", " gzip ,, \tbr"}};
+    EXPECT_THAT(headers.values(HTTPHeader::transferEncoding), ElementsAre("gzip", "br"));
+    headers.addValue("chunked", HTTPHeader::transferEncoding);
+    EXPECT_EQ(headers.value(HTTPHeader::transferEncoding), "gzip, br, chunked");
+    headers.addValue("chunked", "Content-Encoding");
+    EXPECT_EQ(headers.value(HTTPHeader::contentEncoding), "chunked");
+    EXPECT_TRUE(headers.values("absent").empty());
+    EXPECT_TRUE(headers.erase("CONTENT-encoding"));
+    EXPECT_FALSE(headers.value(HTTPHeader::contentEncoding));
+}
+
+TEST(HTTPRequestHeaders, KeepAliveNeedsTheWholeValueAndTheRemoteIPPrefersTheFirstForwardedPiece) {
+    EXPECT_TRUE(requestWith({{"Connection", "Keep-Alive"}}).shouldKeepAlive());
+    EXPECT_FALSE(requestWith({{"Connection", "keep-alive, Upgrade"}}).shouldKeepAlive());
+    EXPECT_FALSE(requestWith({}).shouldKeepAlive());
+
+    EXPECT_EQ(requestWith({{"X-Forwarded-For", "10.0.0.1, 10.0.0.2"}}).remoteIPAddress(), "10.0.0.1");
+    EXPECT_EQ(requestWith({{"X-Forwarded-For", ", 10.0.0.2"}}).remoteIPAddress(), " 10.0.0.2");
+    auto viaPeer = requestWith({{"X-Forwarded-For", ",,"}});
+    viaPeer.remoteAddress = HTTPRequest::Address::ip6("::1", 80);
+    EXPECT_EQ(viaPeer.remoteIPAddress(), "::1");
+    viaPeer.remoteAddress = HTTPRequest::Address::unix("/tmp/s");
+    EXPECT_FALSE(viaPeer.remoteIPAddress());
+}
+
+TEST(HTTPRequestTarget, IsDecodedAndNormalised) {
+    const std::pair<const char*, const char*> paths[] = {
+        {"http://h:8/x/./y/", "/x/y/"}, {"/", "/"}, {"/a b", ""}, {"/%FF", ""},  // not UTF-8 once decoded
+    };
+    std::string path;
+    std::vector<QueryItem> query;
+    for (const auto& [target, expected] : paths) {
+        detail::parseURLReference(target, path, query);
+        EXPECT_EQ(path, expected) << target;
+        EXPECT_TRUE(query.empty()) << target;
+    }
+    detail::parseURLReference("/a/b?c=%2B+d&e=f=g", path, query);
+    EXPECT_EQ(path, "/a/b");
+    EXPECT_THAT(query, ElementsAre(QueryItem{"c", "++d"}, QueryItem{"e", "f=g"}));
+}
+
+}  // namespace
+}  // namespace orvel::http

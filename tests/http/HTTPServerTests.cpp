@@ -1,0 +1,216 @@
+#include "http/HTTPServer.h"
+
+#include "HTTPTestSupport.h"
+#include "async/Sleep.h"
+#include "async/Spawn.h"
+#include "net/FdLeakCheck.h"
+#include "net/SocketError.h"
+#include "net/SocketPool.h"
+#include "net/Timeout.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+
+namespace orvel::http {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using namespace std::chrono_literals;
+
+std::string outcome(const async::TaskHandle<void>& handle) {
+    try {
+        handle.wait();
+        return "";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+constexpr char okResponse[] = "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n412";
+
+class HTTPServerTest : public test::FdLeakCheck {
+protected:
+    void SetUp() override {
+        test::FdLeakCheck::SetUp();
+        HTTPServer::Configuration config{net::AnySocketAddress(net::inet("127.0.0.1", 0)), 0.5, 1024, pool, logger};
+        server = std::make_unique<HTTPServer>(config);
+        server->appendRoute("GET /version", [](HTTPRequest) -> async::Task<HTTPResponse> {
+            co_return HTTPResponse(HTTPStatusCode::ok, {}, "412");
+        });
+        server->appendRoute("GET /slow", [](HTTPRequest) -> async::Task<HTTPResponse> {
+            co_await async::sleep(60s);  // cancelled by the time limit
+            co_return HTTPResponse(HTTPStatusCode::ok);
+        });
+        server->appendRoute("POST /ignore", [](HTTPRequest) -> async::Task<HTTPResponse> {
+            co_return HTTPResponse(HTTPStatusCode::accepted);
+        });
+    }
+    void TearDown() override {
+        if (running.isValid()) {
+            async::syncWait(server->stop(30));
+            EXPECT_EQ(outcome(running), "");
+        }
+        server.reset();
+        test::FdLeakCheck::TearDown();
+    }
+    void start() {
+        running = async::spawn(server->run());
+        async::syncWait(server->waitUntilListening(60));
+        port = server->listeningAddress()->port;
+    }
+
+    // Parks a task per waiting read or accept, so a test can tell when a connection sits idle.
+    bool waitForParkedTasks(std::size_t count) const {
+        auto guard = std::chrono::steady_clock::now() + 60s;
+        while (pool->waitingCount() != count) {
+            if (std::chrono::steady_clock::now() > guard) return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+
+    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
+    std::shared_ptr<net::SocketPool> pool = net::SocketPool::make(net::SocketPool::defaultMaxEvents, logger);
+    std::unique_ptr<HTTPServer> server;
+    async::TaskHandle<void> running;
+    std::uint16_t port = 0;
+};
+
+TEST_F(HTTPServerTest, KeepsAKeepAliveConnectionOpenAndClosesAfterAnyOtherRequest) {
+    start();
+    logger->waitFor("info: starting server 127.0.0.1:" + std::to_string(port));
+    LoopbackClient client(port);
+    client.send("GET /version HTTP/1.1\r\nConnection: Keep-Alive\r\n\r\n");
+    EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: Keep-Alive\r\nContent-Length: 3\r\n\r\n412");
+    client.send("GET /version HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.response(), okResponse);
+    EXPECT_TRUE(client.closedWithNothingMore());
+    logger->waitFor("info: <127.0.0.1> close connection");
+    auto lines = logger->lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "info: <127.0.0.1> request: GET /version"), 2);
+    EXPECT_LT(logger->indexOf("info: <127.0.0.1> open connection"), logger->indexOf("info: <127.0.0.1> close connection"));
+}
+
+TEST_F(HTTPServerTest, AnswersAnUnmatchedRequestWith404AndAnEmptyBody) {
+    start();
+    LoopbackClient client(port);
+    client.send("GET /nothing HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.response(), "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+    logger->waitFor("error: unhandled request");
+}
+
+TEST_F(HTTPServerTest, AnswersAHandlerOverTheTimeLimitWith500AndKeepsTheConnection) {
+    start();
+    LoopbackClient client(port);
+    client.send("GET /slow HTTP/1.1\r\nConnection: keep-alive\r\n\r\n");
+    EXPECT_EQ(client.response(), "HTTP/1.1 500 Internal Server Error\r\nConnection: keep-alive\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_EQ(logger->waitFor("handler error: "), "error: handler error: Task timed out before completion. Timeout: 0.5 seconds.");
+    client.send("GET /version HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.response(), okResponse);
+}
+
+TEST_F(HTTPServerTest, StopEndsAnIdleKeepAliveConnectionAtOnce) {
+    start();
+    LoopbackClient client(port);
+    client.send("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n");
+    EXPECT_THAT(client.response(), HasSubstr("412"));
+    // The listener's accept and the connection's next read: the connection is idle.
+    ASSERT_TRUE(waitForParkedTasks(2));
+    async::syncWait(server->stop(30));
+    EXPECT_TRUE(client.closedWithNothingMore());
+    EXPECT_EQ(outcome(running), "");
+    long error = logger->indexOf("error: <127.0.0.1> error: CancellationError()");
+    EXPECT_GE(error, 0);
+    EXPECT_LT(error, logger->indexOf("info: <127.0.0.1> close connection"));
+    EXPECT_FALSE(server->isListening());
+}
+
+TEST_F(HTTPServerTest, ASecondRunFailsWithoutDisturbingTheFirst) {
+    start();
+    try {
+        async::syncWait(server->run());
+        ADD_FAILURE() << "a second run started";
+    } catch (const net::SocketError& error) {
+        EXPECT_EQ(error.kind(), net::SocketError::Kind::unsupportedAddress);
+    }
+    logger->waitFor("critical: server error: already started");
+    EXPECT_TRUE(server->isListening());
+    LoopbackClient client(port);
+    client.send("GET /version HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.response(), okResponse);
+}
+
+TEST_F(HTTPServerTest, WaitUntilListeningReturnsOnceListeningAndTimesOutWithoutATrace) {
+    try {
+        async::syncWait(server->waitUntilListening(0.05));
+        ADD_FAILURE() << "listening without run";
+    } catch (const net::TimeoutError& error) {
+        EXPECT_STREQ(error.what(), "Task timed out before completion. Timeout: 0.05 seconds.");
+    }
+    EXPECT_EQ(server->waitingCount(), 0u);
+
+    auto early = async::spawn(server->waitUntilListening(60));
+    start();
+    EXPECT_EQ(outcome(early), "");
+    async::syncWait(server->waitUntilListening(60));  // already listening
+    EXPECT_EQ(server->waitingCount(), 0u);
+}
+
+TEST_F(HTTPServerTest, DecodesARequestDeliveredOneBytePerWriteAndEndsQuietlyWhenTheClientLeaves) {
+    start();
+    {
+        LoopbackClient client(port);
+        for (char c : std::string("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n")) {
+            client.send(std::string_view(&c, 1));
+        }
+        EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 3\r\n\r\n412");
+    }
+    logger->waitFor("info: <127.0.0.1> close connection");
+    for (const std::string& line : logger->lines()) EXPECT_THAT(line, Not(StartsWith("error:")));
+}
+
+TEST_F(HTTPServerTest, AnswersTwoRequestsPipelinedInOneWriteInOrder) {
+    start();
+    LoopbackClient client(port);
+    client.send("GET /nothing HTTP/1.1\r\nConnection: keep-alive\r\n\r\nGET /version HTTP/1.1\r\n\r\n");
+    EXPECT_THAT(client.response(), HasSubstr("404 Not Found"));
+    EXPECT_EQ(client.response(), okResponse);
+    EXPECT_TRUE(client.closedWithNothingMore());
+}
+
+TEST_F(HTTPServerTest, DropsAnUnreadStreamedBodyAndServesTheNextRequest) {
+    start();
+    LoopbackClient client(port);
+    // 4096 bytes is over the replay size of 1024: streamed, left unread by the handler.
+    client.send("POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: 4096\r\n\r\n" +
+                std::string(4096, 'G') + "GET /version HTTP/1.1\r\n\r\n");
+    EXPECT_THAT(client.response(), HasSubstr("202 Accepted"));
+    EXPECT_EQ(client.response(), okResponse);
+}
+
+TEST_F(HTTPServerTest, ClosesWithoutAResponseOnAMalformedOrOverLongRequest) {
+    start();
+    std::string headers;
+    for (std::size_t i = 0; i < HTTPDecoder::maxHeaderLines; ++i) headers += "X-" + std::to_string(i) + ": v\r\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"NONSENSE\r\n\r\n", "No HTTP Method"},
+        {"GET /" + std::string(HTTPDecoder::maxLineBytes, 'a') + " HTTP/1.1\r\n\r\n", "Line Too Long"},
+        {"GET /version HTTP/1.1\r\nX: " + std::string(HTTPDecoder::maxLineBytes, 'v') + "\r\n\r\n", "Line Too Long"},
+        {"GET /version HTTP/1.1\r\n" + headers + "X-last: v\r\n\r\n", "Too Many Header Lines"},
+    };
+    for (const auto& [request, error] : cases) {
+        LoopbackClient client(port);
+        client.send(request);
+        EXPECT_TRUE(client.closedWithNothingMore()) << error;
+        EXPECT_EQ(logger->waitFor(error), "error: <127.0.0.1> error: " + error);
+    }
+}
+
+}  // namespace
+}  // namespace orvel::http

@@ -1,0 +1,233 @@
+#pragma once
+#include "http/HTTPBodySequence.h"
+#include "http/HTTPConnection.h"
+#include "http/HTTPRequest.h"
+#include "http/WSFrameEncoder.h"
+#include "http/detail/URLComponents.h"
+#include "net/Logging.h"
+#include "net/SocketAddress.h"
+
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Helpers shared by the http tests. Every wait here is only a guard against a hang.
+namespace orvel::http {
+
+using Bytes = std::vector<std::uint8_t>;
+
+inline constexpr std::chrono::seconds hangGuard{30};
+
+inline Bytes bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
+
+// A request as the decoder would make it from "METHOD target".
+inline HTTPRequest request(std::string_view method, std::string_view target, HTTPHeaders headers = {}, std::string body = {}) {
+    std::string path;
+    std::vector<HTTPRequest::QueryItem> query;
+    detail::parseURLReference(target, path, query);
+    return HTTPRequest(HTTPMethod(method), HTTPVersion::http11, path, query, std::move(headers), std::move(body));
+}
+
+inline WSFrame frame(WSFrame::Opcode opcode, bool fin, Bytes payload = {}) {
+    return WSFrame{.fin = fin, .opcode = opcode, .payload = std::move(payload)};
+}
+
+// The peer's bytes in the given pieces, every other read reporting "would block" so the wait
+// path runs too; after the last piece the peer has gone. Counts the bytes handed out.
+class PiecesStream final : public detail::ByteStream {
+public:
+    explicit PiecesStream(std::vector<std::string> pieces) : pieces_(pieces.begin(), pieces.end()) {}
+
+    net::Socket::IOResult tryRead(void* into, std::size_t length) noexcept override {
+        if ((blockNext_ = !blockNext_)) return {net::Socket::IOResult::Status::blocked, 0, 0};
+        while (!pieces_.empty() && pieces_.front().empty()) pieces_.pop_front();
+        if (pieces_.empty()) return {net::Socket::IOResult::Status::disconnected, 0, 0};
+        std::string& piece = pieces_.front();
+        std::size_t n = std::min(length, piece.size());
+        std::memcpy(into, piece.data(), n);
+        piece.erase(0, n);
+        handedOut += n;
+        return {net::Socket::IOResult::Status::done, n, 0};
+    }
+    net::Socket::IOResult tryWrite(const void*, std::size_t length) noexcept override {
+        return {net::Socket::IOResult::Status::done, length, 0};
+    }
+    async::Task<void> waitUntil(net::Socket::Event) override { co_return; }
+    void close() noexcept override {}
+
+    std::size_t handedOut = 0;
+
+private:
+    std::deque<std::string> pieces_;
+    bool blockNext_ = false;
+};
+
+// A streamed body of buffers of the given sizes, counting the reads.
+class SizedBuffers final : public HTTPBodySequence::Source {
+public:
+    explicit SizedBuffers(std::vector<std::size_t> sizes) : sizes_(sizes.begin(), sizes.end()) {}
+    async::Task<std::optional<HTTPBodySequence::Bytes>> nextBuffer(std::size_t) override {
+        ++reads;
+        if (sizes_.empty()) co_return std::nullopt;
+        std::size_t n = sizes_.front();
+        sizes_.pop_front();
+        co_return HTTPBodySequence::Bytes(n, 'h');
+    }
+    async::Task<std::optional<std::uint8_t>> next() override {
+        ++reads;
+        co_return std::nullopt;
+    }
+
+    std::atomic<int> reads{0};
+
+private:
+    std::deque<std::size_t> sizes_;
+};
+
+// Keeps every line as "level: text" and lets a test wait for one to appear.
+class RecordingLogger final : public net::Logging {
+public:
+    void log(Level level, const net::LogMessage& message) const override {
+        std::lock_guard lock(mutex_);
+        lines_.push_back(std::string(name(level)) + ": " + message());
+        changed_.notify_all();
+    }
+    // The first line containing `text`, once one has been logged.
+    std::string waitFor(std::string_view text) const {
+        std::unique_lock lock(mutex_);
+        std::string found;
+        bool seen = changed_.wait_for(lock, hangGuard, [&] {
+            auto line = std::find_if(lines_.begin(), lines_.end(),
+                                     [&](const std::string& l) { return l.find(text) != std::string::npos; });
+            if (line != lines_.end()) found = *line;
+            return line != lines_.end();
+        });
+        if (!seen) ADD_FAILURE() << "no log line with: " << text;
+        return found;
+    }
+    std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    // Position of a line, or -1.
+    long indexOf(const std::string& line) const {
+        auto all = lines();
+        auto found = std::find(all.begin(), all.end(), line);
+        return found == all.end() ? -1 : found - all.begin();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    mutable std::vector<std::string> lines_;
+};
+
+// A blocking loopback client speaking HTTP and, after an upgrade, WebSocket frames.
+class LoopbackClient {
+public:
+    explicit LoopbackClient(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        timeval guard{static_cast<time_t>(hangGuard.count()), 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
+        int one = 1;
+        ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        sockaddr_in address = net::inet("127.0.0.1", port);
+        EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << std::strerror(errno);
+    }
+    ~LoopbackClient() { ::close(fd_); }
+    LoopbackClient(const LoopbackClient&) = delete;
+    LoopbackClient& operator=(const LoopbackClient&) = delete;
+
+    void send(std::string_view bytes) {
+        while (!bytes.empty()) {
+            ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (n <= 0) return;
+            bytes.remove_prefix(static_cast<std::size_t>(n));
+        }
+    }
+    void send(const Bytes& bytes) { send(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())); }
+    // A client's frames are masked.
+    void sendFrame(WSFrame frame) {
+        frame.mask = WSFrame::Mask{0x12, 0x34, 0x56, 0x78};
+        send(WSFrameEncoder::encode(frame));
+    }
+
+    // One response (header block and Content-Length body), or "" when the server closed first.
+    std::string response() {
+        for (;;) {
+            if (std::size_t end = buffer_.find("\r\n\r\n"); end != std::string::npos) {
+                std::size_t length = 0;
+                if (auto at = buffer_.find("Content-Length: "); at < end) length = std::stoul(buffer_.substr(at + 16));
+                if (buffer_.size() >= end + 4 + length) {
+                    std::string one = buffer_.substr(0, end + 4 + length);
+                    buffer_.erase(0, one.size());
+                    return one;
+                }
+            }
+            if (!fill()) return "";
+        }
+    }
+    // True when the server closes the connection with nothing (more) to read.
+    bool closedWithNothingMore() { return !fill() && buffer_.empty(); }
+
+    // Sends an opening handshake for the RFC 6455 sample key; the response's header block.
+    std::string handshake() {
+        send("GET /chat HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: keep-alive, Upgrade\r\n"
+             "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
+        return response();
+    }
+
+    // The next frame, or nothing once the server has closed the connection.
+    std::optional<WSFrame> readFrame() {
+        for (;;) {
+            auto bytes = std::span(reinterpret_cast<const std::uint8_t*>(buffer_.data()), buffer_.size());
+            auto parsed = WSFrameEncoder::parseHeader(bytes);
+            auto* header = std::get_if<WSFrameEncoder::Header>(&parsed);
+            if (header && bytes.size() >= header->size + header->payloadLength) {
+                WSFrame frame{.fin = header->fin, .rsv1 = header->rsv1, .rsv2 = header->rsv2, .rsv3 = header->rsv3,
+                              .opcode = header->opcode, .mask = header->mask};
+                auto payload = bytes.subspan(header->size, header->payloadLength);
+                frame.payload.assign(payload.begin(), payload.end());
+                buffer_.erase(0, header->size + header->payloadLength);
+                return frame;
+            }
+            if (!fill()) {
+                EXPECT_TRUE(buffer_.empty()) << "connection closed inside a frame";
+                return std::nullopt;
+            }
+        }
+    }
+    std::vector<WSFrame> readUntilClosed() {
+        std::vector<WSFrame> frames;
+        while (auto frame = readFrame()) frames.push_back(std::move(*frame));
+        return frames;
+    }
+
+private:
+    bool fill() {
+        char chunk[65536];
+        ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+        if (n < 0 && errno != ECONNRESET) ADD_FAILURE() << "recv: " << std::strerror(errno) << " (hang guard?)";
+        if (n <= 0) return false;
+        buffer_.append(chunk, static_cast<std::size_t>(n));
+        return true;
+    }
+
+    int fd_;
+    std::string buffer_;
+};
+
+}  // namespace orvel::http

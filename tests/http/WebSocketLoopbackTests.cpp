@@ -1,0 +1,246 @@
+// WebSocket over real loopback connections, talked to by a plain blocking client and by the npm
+// ws package as an independent peer.
+#include "http/HTTPServer.h"
+
+#include "HTTPTestSupport.h"
+#include "async/Spawn.h"
+#include "http/WebSocketHTTPHandler.h"
+#include "net/FdLeakCheck.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace orvel::http {
+namespace {
+
+using Opcode = WSFrame::Opcode;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+async::Task<void> echo(async::AsyncStream<WSMessage> incoming, async::AsyncStream<WSMessage>::Continuation out) {
+    while (auto message = co_await incoming.next()) out.yield(std::move(*message));
+    out.finish();
+}
+
+// Echoes every message, or says "bye" and is done, or cannot start.
+class Application final : public WSMessageHandler {
+public:
+    enum class Kind { echo, bye, refuse };
+    explicit Application(Kind kind) : kind_(kind) {}
+    struct Refused final : async::Error {
+        Refused() : async::Error("no messages today") {}
+    };
+    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage> incoming) override {
+        if (kind_ == Kind::refuse) throw Refused();
+        auto [out, producer] = async::AsyncStream<WSMessage>::make();
+        if (kind_ == Kind::echo) {
+            (void)async::spawn(echo(std::move(incoming), producer));
+        } else {
+            producer.yield(WSMessage::text("bye"));
+            producer.finish();
+        }
+        co_return std::move(out);
+    }
+
+private:
+    Kind kind_;
+};
+
+// A server on 127.0.0.1 with a free port, answering every request with the handler.
+class Server {
+public:
+    explicit Server(Application::Kind kind = Application::Kind::echo)
+        : server_(net::AnySocketAddress(net::inet("127.0.0.1", 0)), 15, HTTPServer::defaultPool(logger_), logger_,
+                  std::make_shared<WebSocketHTTPHandler>(std::make_shared<Application>(kind), 16384)) {
+        running_ = async::spawn(server_.run());
+        async::syncWait(server_.waitUntilListening(hangGuard.count()));
+    }
+    ~Server() {
+        async::syncWait(server_.stop(5));
+        try {
+            running_.wait();
+        } catch (const async::Error&) {
+        }
+    }
+
+    std::uint16_t port() const { return server_.listeningAddress()->port; }
+    const RecordingLogger& log() const { return *logger_; }
+
+private:
+    std::shared_ptr<RecordingLogger> logger_ = std::make_shared<RecordingLogger>();
+    HTTPServer server_;
+    async::TaskHandle<void> running_;
+};
+
+const WSFrame goodbye = WSFrame::close("Goodbye");
+const WSFrame protocolError = WSFrame::close("Protocol Error");
+
+class WebSocketLoopback : public ::testing::Test {
+protected:
+    test::FdSnapshot descriptors_;  // first in, last out: checked after the server has stopped
+};
+
+TEST_F(WebSocketLoopback, TextAndBinaryMessagesRoundTripAfterTheHandshake) {
+    Server server;
+    LoopbackClient client(server.port());
+    std::string head = client.handshake();
+    EXPECT_THAT(head, ::testing::StartsWith("HTTP/1.1 101 Switching Protocols\r\n"));
+    EXPECT_THAT(head, HasSubstr("\r\nSec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"));
+    EXPECT_THAT(head, Not(HasSubstr("Content-Length")));
+    EXPECT_THAT(head, Not(HasSubstr("Transfer-Encoding")));
+    EXPECT_EQ(server.log().waitFor("switching protocol"), "info: <127.0.0.1> switching protocol to websocket");
+
+    client.sendFrame(frame(Opcode::text, true, bytesOf("héllo")));
+    EXPECT_EQ(client.readFrame(), frame(Opcode::text, true, bytesOf("héllo")));
+    Bytes binary(70000);
+    for (std::size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<std::uint8_t>(i * 7);
+    client.sendFrame(frame(Opcode::binary, true, binary));
+    // 70000 bytes go back unmasked in frames of at most 16384.
+    Bytes echoed;
+    for (std::size_t i = 0; i < 5; ++i) {
+        auto f = client.readFrame();
+        ASSERT_TRUE(f);
+        EXPECT_EQ(f->opcode, i == 0 ? Opcode::binary : Opcode::continuation);
+        EXPECT_EQ(f->fin, i == 4);
+        EXPECT_FALSE(f->mask);
+        echoed.insert(echoed.end(), f->payload.begin(), f->payload.end());
+    }
+    EXPECT_EQ(echoed, binary);
+}
+
+TEST_F(WebSocketLoopback, FragmentedMessageWithAPingAndAPongBetweenFragments) {
+    Server server;
+    LoopbackClient client(server.port());
+    client.handshake();
+    client.sendFrame(frame(Opcode::text, false, bytesOf("frag")));
+    client.sendFrame(frame(Opcode::pong, true, {9}));  // ignored
+    client.sendFrame(frame(Opcode::ping, true, {1, 2}));
+    EXPECT_EQ(client.readFrame(), frame(Opcode::pong, true, {1, 2})) << "answered before the message is complete";
+    client.sendFrame(frame(Opcode::continuation, false, bytesOf("ment")));
+    client.sendFrame(frame(Opcode::continuation, true, bytesOf("ed")));
+    EXPECT_EQ(client.readFrame(), frame(Opcode::text, true, bytesOf("fragmented")));
+}
+
+TEST_F(WebSocketLoopback, PeersCloseIsAnsweredWithGoodbyeThenTheConnectionCloses) {
+    Server server;
+    LoopbackClient client(server.port());
+    client.handshake();
+    client.sendFrame(frame(Opcode::close, true, {0x03, 0xE8}));
+    EXPECT_THAT(client.readUntilClosed(), ElementsAre(goodbye));
+    EXPECT_THAT(goodbye.payload, ElementsAre(0x03, 0xEA, 'G', 'o', 'o', 'd', 'b', 'y', 'e'));
+    server.log().waitFor("close connection");
+}
+
+TEST_F(WebSocketLoopback, EachProtocolViolationIsAnsweredWithProtocolErrorThenTheConnectionCloses) {
+    auto masked = [](WSFrame f) {
+        f.mask = WSFrame::Mask{1, 2, 3, 4};
+        return WSFrameEncoder::encode(f);
+    };
+    const std::vector<std::pair<const char*, std::vector<Bytes>>> cases = {
+        {"continuation first", {masked(frame(Opcode::continuation, true, {1}))}},
+        {"second fragmented message", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::binary, false))}},
+        {"fragmented control frame", {masked(frame(Opcode::ping, false))}},
+        {"invalid UTF-8", {masked(frame(Opcode::text, true, {0xC3, 0x28}))}},
+        {"unknown opcode", {masked(frame(static_cast<Opcode>(0x3), true))}},
+        {"reserved control opcode", {masked(frame(static_cast<Opcode>(0xB), true))}},
+        {"length with the top bit set", {{0x82, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4}}},
+        {"message over 16 MiB", {{0x82, 0xFF, 0, 0, 0, 0, 0x01, 0, 0, 1, 1, 2, 3, 4}}},
+    };
+    Server server;
+    for (const auto& [rule, wire] : cases) {
+        LoopbackClient client(server.port());
+        client.handshake();
+        for (const auto& bytes : wire) client.send(bytes);
+        EXPECT_THAT(client.readUntilClosed(), ElementsAre(protocolError)) << rule;
+    }
+    EXPECT_THAT(protocolError.payload, ElementsAre(0x03, 0xEA, 'P', 'r', 'o', 't', 'o', 'c', 'o', 'l', ' ', 'E', 'r', 'r', 'o', 'r'));
+}
+
+TEST_F(WebSocketLoopback, APeerVanishingMidFrameEndsTheConnectionQuietly) {
+    Server server;
+    {
+        LoopbackClient client(server.port());
+        client.handshake();
+        client.send(Bytes{0x82, 0x85, 1, 2, 3, 4, 0xAA});  // five payload bytes announced, one sent
+    }
+    server.log().waitFor("close connection");
+    for (const auto& line : server.log().lines()) EXPECT_THAT(line, Not(HasSubstr("error")));
+}
+
+TEST_F(WebSocketLoopback, AnApplicationEndingItsMessagesClosesTheConnection) {
+    Server server(Application::Kind::bye);
+    LoopbackClient client(server.port());
+    client.handshake();
+    EXPECT_THAT(client.readUntilClosed(), ElementsAre(frame(Opcode::text, true, bytesOf("bye")), WSFrame::close()));
+    server.log().waitFor("close connection");
+}
+
+TEST_F(WebSocketLoopback, AHandlerThatCannotStartLeavesNothingWritten) {
+    Server server(Application::Kind::refuse);
+    LoopbackClient client(server.port());
+    EXPECT_EQ(client.handshake(), "");
+    EXPECT_EQ(server.log().waitFor("<127.0.0.1> error:"), "error: <127.0.0.1> error: no messages today");
+}
+
+// Runs the node ws peer against the server; its JSON report and exit status.
+std::pair<int, std::string> runNodePeer(const std::string& url) {
+    const std::string script = std::string(ORVEL_SOURCE_DIR) + "/tests/node/echo-check.js";
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) return {-1, "pipe failed"};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    const char* argv[] = {"node", script.c_str(), url.c_str(), nullptr};
+    pid_t pid = -1;
+    int spawned = posix_spawnp(&pid, "node", &actions, nullptr, const_cast<char**>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    if (spawned != 0) {
+        ::close(out[0]);
+        return {-1, "node could not be started (scripts/setup installs it)"};
+    }
+    std::string report;
+    bool ended = false;  // the peer closed its output: it is exiting
+    pollfd readable{out[0], POLLIN, 0};
+    while (!ended && ::poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(hangGuard).count())) > 0) {
+        char chunk[4096];
+        ssize_t n = ::read(out[0], chunk, sizeof chunk);
+        if (n <= 0) ended = true;
+        else report.append(chunk, static_cast<std::size_t>(n));
+    }
+    ::close(out[0]);
+    if (!ended) ::kill(pid, SIGKILL);  // our own child, by its id: it outlived the guard
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (!ended) return {-1, report + " (node peer hung)"};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, report};
+}
+
+TEST_F(WebSocketLoopback, TheNodeWsPeerTalksToUs) {
+    Server server;
+    auto [status, report] = runNodePeer("ws://127.0.0.1:" + std::to_string(server.port()) + "/");
+    EXPECT_EQ(status, 0) << report;
+    EXPECT_THAT(report, HasSubstr("\"open\":true"));
+    for (const char* check : {"text round trip", "binary round trip", "1 MiB round trip", "fragmented send",
+                              "ping answered"}) {
+        EXPECT_THAT(report, HasSubstr(std::string("{\"name\":\"") + check + "\",\"ok\":true}")) << report;
+    }
+    // The peer's close is answered like any other: status 1002, "Goodbye".
+    EXPECT_THAT(report, HasSubstr("\"close\":{\"code\":1002,\"reason\":\"Goodbye\"}"));
+}
+
+}  // namespace
+}  // namespace orvel::http

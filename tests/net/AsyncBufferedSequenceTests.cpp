@@ -1,0 +1,191 @@
+#include "net/AsyncBufferedCollection.h"
+#include "net/AsyncBufferedEmptySequence.h"
+#include "net/AsyncBufferedFileSequence.h"
+#include "net/ConsumingAsyncSequence.h"
+
+#include "async/Async.h"
+#include "net/FdLeakCheck.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+using namespace orvel;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using File = net::AsyncBufferedFileSequence;
+
+static_assert(net::AsyncBufferedSequence<net::AsyncBufferedCollection>);
+static_assert(net::AsyncBufferedSequence<net::AsyncBufferedEmptySequence>);
+static_assert(net::AsyncBufferedSequence<File>);
+static_assert(net::AsyncBufferedSequence<net::ConsumingAsyncSequence>);
+
+namespace {
+
+net::Bytes pattern(std::size_t count) {
+    net::Bytes bytes(count);
+    for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<net::Byte>(i * 7 + i / 251);
+    return bytes;
+}
+
+// Every buffer the source hands out, in order.
+async::Task<std::vector<net::Bytes>> runs(net::AsyncByteSequence& source, std::size_t suggested) {
+    std::vector<net::Bytes> all;
+    while (auto run = co_await source.nextBuffer(suggested)) all.push_back(std::move(*run));
+    co_return all;
+}
+
+async::Task<net::Bytes> collect(net::AsyncByteSequence& source, std::size_t suggested) {
+    net::Bytes all;
+    while (auto run = co_await source.nextBuffer(suggested)) all.insert(all.end(), run->begin(), run->end());
+    co_return all;
+}
+
+}  // namespace
+
+TEST(BufferedCollection, HandsOutRunsOfAtMostTheSuggestedSizeThenNothing) {
+    const auto bytes = pattern(10);
+    auto iterator = net::AsyncBufferedCollection(bytes).makeIterator();
+    const auto got = async::syncWait(runs(iterator, 4));
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[0].size(), 4u);
+    EXPECT_EQ(got[1].size(), 4u);
+    EXPECT_EQ(got[2], net::Bytes(bytes.begin() + 8, bytes.end()));
+    EXPECT_EQ(async::syncWait(iterator.next()), std::nullopt);
+}
+
+TEST(BufferedCollection, EveryIteratorOfAViewReadsTheBorrowedBytesInPlaceFromTheFirst) {
+    const std::string text = "borrowed";
+    const auto collection = net::AsyncBufferedCollection::view(std::string_view(text));
+    auto first = collection.makeIterator();
+    EXPECT_EQ(static_cast<const void*>(first.remaining().data()), static_cast<const void*>(text.data()));
+    EXPECT_EQ(async::syncWait(first.next()), net::Byte('b'));
+    auto second = collection.makeIterator();
+    const auto all = async::syncWait(collect(second, 3));
+    EXPECT_EQ(std::string(all.begin(), all.end()), "borrowed");
+}
+
+namespace {
+async::Task<bool> endsOnlyOnceCancelled(net::AsyncBufferedEmptySequence::Iterator iterator, std::atomic<bool>* started) {
+    started->store(true);
+    started->notify_all();
+    const bool ended = !(co_await iterator.nextBuffer(16));
+    const bool cancelled = async::isCancelled();
+    co_return ended && cancelled && !(co_await iterator.next());  // a later call ends at once
+}
+}  // namespace
+
+TEST(EmptySequence, EndsAtOnceWhenCompletingElseOnlyOnceItsTaskIsCancelled) {
+    auto completing = net::AsyncBufferedEmptySequence(true).makeIterator();
+    EXPECT_EQ(async::syncWait(completing.nextBuffer(4096)), std::nullopt);
+
+    std::atomic<bool> started{false};
+    auto handle = async::spawn(endsOnlyOnceCancelled(net::AsyncBufferedEmptySequence(false).makeIterator(), &started));
+    started.wait(false);  // a faulty sequence ends right after this, before the cancellation
+    handle.cancel();
+    EXPECT_TRUE(handle.wait());
+}
+
+// Real files in a private temporary directory; every test also checks that no descriptor leaks.
+class FileSequence : public test::FdLeakCheck {
+protected:
+    FileSequence() {
+        std::string name = (std::filesystem::temp_directory_path() / "orvel-seq-XXXXXX").string();
+        if (!::mkdtemp(name.data())) throw std::runtime_error("mkdtemp failed");
+        directory = name;
+    }
+    ~FileSequence() override { std::filesystem::remove_all(directory); }
+
+    std::filesystem::path write(const std::string& name, const net::Bytes& bytes) const {
+        auto file = directory / name;
+        std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                                    static_cast<std::streamsize>(bytes.size()));
+        return file;
+    }
+
+    std::filesystem::path directory;
+};
+
+TEST_F(FileSequence, EveryIteratorReadsTheWholeFileInRunsOfAtMostTheSuggestedSizeOrByteByByte) {
+    const File file(write("body.bin", pattern(10000)));
+    auto halfway = file.makeIterator();  // dropped with its descriptor open: the fixture checks it closes
+    EXPECT_EQ(async::syncWait(halfway.nextBuffer(100))->size(), 100u);
+    auto iterator = file.makeIterator();
+    net::Bytes joined;
+    for (const auto& run : async::syncWait(runs(iterator, 4096))) {
+        EXPECT_LE(run.size(), 4096u);
+        joined.insert(joined.end(), run.begin(), run.end());
+    }
+    EXPECT_EQ(joined, pattern(10000));
+
+    auto mixed = file.makeIterator();
+    net::Bytes got;
+    for (int i = 0; i < 3; ++i) got.push_back(*async::syncWait(mixed.next()));
+    const auto run = async::syncWait(mixed.nextBuffer(5000));
+    got.insert(got.end(), run->begin(), run->end());
+    while (auto byte = async::syncWait(mixed.next())) got.push_back(*byte);
+    EXPECT_EQ(got, pattern(10000));
+}
+
+TEST_F(FileSequence, OpensTheFileOnTheFirstPullNotBefore) {
+    auto iterator = File(directory / "later.txt").makeIterator();
+    write("later.txt", pattern(3));
+    EXPECT_EQ(async::syncWait(collect(iterator, 16)), pattern(3));
+}
+
+TEST_F(FileSequence, AMissingFileOrADirectoryRaisesTheSystemErrorWithItsPath) {
+    const auto path = directory / "missing.txt";
+    auto missing = File(path).makeIterator();
+    EXPECT_THAT([&] { async::syncWait(missing.nextBuffer(16)); },
+                ThrowsMessage<File::FileError>(StrEq("FileError. Open(2): No such file or directory (" + path.string() + ")")));
+    EXPECT_THAT([&] { File::fileSize(path); },
+                ThrowsMessage<File::FileError>(StrEq("FileError. Stat(2): No such file or directory (" + path.string() + ")")));
+    EXPECT_THAT([&] { File::fileSize(directory); }, ThrowsMessage<File::FileSizeError>(StrEq("File size not found")));
+    auto folder = File(directory).makeIterator();
+    EXPECT_THAT([&] { async::syncWait(folder.nextBuffer(16)); },
+                ThrowsMessage<File::FileError>(StrEq("FileError. Read(21): Is a directory (" + directory.string() + ")")));
+}
+
+TEST_F(FileSequence, FileSizeIsTheByteCountOfARegularFileFollowingLinks) {
+    const auto file = write("body.bin", pattern(12345));
+    std::filesystem::create_symlink(file, directory / "link");
+    EXPECT_EQ(File::fileSize(file), 12345);
+    EXPECT_EQ(File::fileSize(directory / "link"), 12345);
+    EXPECT_EQ(File::fileSize(write("empty", {})), 0);
+}
+
+TEST(ConsumingSequence, IteratorsTakeTurnsOnOnePass) {
+    const auto bytes = pattern(10);
+    const net::ConsumingAsyncSequence sequence(bytes);
+    auto first = sequence.makeIterator();
+    auto second = sequence.makeIterator();
+    EXPECT_EQ(*async::syncWait(first.nextBuffer(4)), net::Bytes(bytes.begin(), bytes.begin() + 4));
+    EXPECT_EQ(*async::syncWait(second.next()), bytes[4]);
+    EXPECT_EQ(*async::syncWait(first.nextBuffer(100)), net::Bytes(bytes.begin() + 5, bytes.end()));
+    EXPECT_EQ(async::syncWait(second.nextBuffer(1)), std::nullopt);
+    EXPECT_EQ(sequence.index(), 10u);
+}
+
+namespace {
+async::Task<std::vector<net::Bytes>> takeRuns(net::ConsumingAsyncSequence::Iterator iterator, std::size_t suggested) {
+    co_return co_await runs(iterator, suggested);
+}
+}  // namespace
+
+TEST(ConsumingSequence, ConcurrentReadersReceiveEachByteOnce) {
+    const net::ConsumingAsyncSequence sequence(pattern(20000));
+    std::vector<async::TaskHandle<std::vector<net::Bytes>>> readers;
+    for (std::size_t i = 1; i <= 4; ++i) readers.push_back(async::spawn(takeRuns(sequence.makeIterator(), i)));
+    std::vector<int> seen(256), expected(256);
+    for (auto& reader : readers)
+        for (const auto& run : reader.wait())
+            for (auto byte : run) ++seen[byte];
+    for (auto byte : pattern(20000)) ++expected[byte];
+    EXPECT_EQ(seen, expected);
+}

@@ -1,0 +1,254 @@
+#include "async/Sleep.h"
+#include "net/AsyncSocket.h"
+#include "net/Timeout.h"
+
+#include "net/PoolTesting.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <string>
+
+using namespace orvel;
+using namespace orvel::net;
+using test::outcome;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+Bytes bytes(std::string_view text) { return {text.begin(), text.end()}; }
+
+Bytes pattern(std::size_t count) {
+    Bytes data(count);
+    std::iota(data.begin(), data.end(), std::uint8_t{0});
+    return data;
+}
+
+// Closes a socket when the test ends, through the pool like AsyncSocket::close.
+struct Closing {
+    explicit Closing(AsyncSocket socket) : socket(std::move(socket)) {}
+    ~Closing() {
+        try {
+            socket.close();
+        } catch (const SocketError& error) {
+            ADD_FAILURE() << error.what();
+        }
+    }
+    AsyncSocket socket;
+};
+
+async::Task<Bytes> readBytes(AsyncSocket socket, std::size_t count) { co_return co_await socket.readBytes(count); }
+async::Task<Bytes> readAtMost(AsyncSocket socket, std::size_t count) { co_return co_await socket.readAtMost(count); }
+async::Task<void> writeAll(AsyncSocket socket, Bytes data) { co_await socket.write(data); }
+async::Task<AsyncSocket> acceptOne(AsyncSocket listener) { co_return co_await listener.accept(); }
+async::Task<std::optional<std::uint8_t>> nextByte(AsyncSocketReadSequence sequence) { co_return co_await sequence.next(); }
+async::Task<AsyncSocket> connectTo(AnySocketAddress address, std::shared_ptr<SocketPool> pool) {
+    co_return co_await AsyncSocket::connected(address, pool);
+}
+
+// Writes `data` one byte per call, each after the reader has had to wait for it.
+async::Task<void> tricklePerByte(AsyncSocket socket, Bytes data, SocketPool* pool) {
+    for (auto byte : data) {
+        while (pool->waitingCount() == 0)
+            co_await async::sleep(std::chrono::microseconds(50));
+        co_await socket.write(std::span<const std::uint8_t>(&byte, 1));
+    }
+}
+
+// Counts accepted connections until the sequence ends.
+async::Task<int> acceptUntilEnd(AsyncSocket listener) {
+    auto sequence = listener.sockets();
+    int count = 0;
+    while (auto socket = co_await sequence.next()) {
+        socket->close();
+        ++count;
+    }
+    co_return count;
+}
+
+async::Task<std::string> connectWithin(AnySocketAddress address, SocketPool* pool, double seconds) {
+    try {
+        auto socket = co_await AsyncSocket::connected(address, pool->shared_from_this(), seconds);
+        socket.close();
+        co_return "connected";
+    } catch (const std::exception& error) {
+        co_return error.what();
+    }
+}
+
+// Reads a line through next(), then the rest through nextBuffer(): what the two saw, in order.
+async::Task<std::string> lineThenRest(AsyncSocketReadSequence sequence, std::size_t total) {
+    std::string seen;
+    while (auto byte = co_await sequence.next()) {
+        seen.push_back(static_cast<char>(*byte));
+        if (*byte == '\n')
+            break;
+    }
+    seen += "|";
+    auto rest = sequence;  // a copy shares the buffer: the next reader
+    while (seen.size() - 1 < total) {
+        auto buffer = co_await rest.nextBuffer(3);
+        seen.append(buffer->begin(), buffer->end());
+    }
+    co_return seen;
+}
+
+AsyncSocket listenOnLoopback(const std::shared_ptr<SocketPool>& pool, int backlog = 16) {
+    const auto socket = Socket::make(AF_INET);
+    OwnedDescriptor owner(socket.file.rawValue);
+    socket.setValue(true, reuseAddress);
+    socket.bind(inet("127.0.0.1", 0));
+    socket.listen(backlog);
+    AsyncSocket listener(socket, pool);
+    owner.release();
+    return listener;
+}
+
+AnySocketAddress addressOf(const AsyncSocket& listener) {
+    return AnySocketAddress(inet("127.0.0.1", listener.socket().sockname().port));
+}
+
+}  // namespace
+
+using AsyncSocketReading = test::RunningPool;
+
+TEST_F(AsyncSocketReading, ReadBytesCollectsAcrossManyPartialWrites) {
+    auto [reader, writer] = AsyncSocket::makePair(pool);
+    Closing a(reader), b(writer);
+    const auto data = pattern(40);
+    auto read = async::spawn(readBytes(reader, data.size()));
+    auto write = async::spawn(tricklePerByte(writer, data, pool.get()));
+    EXPECT_EQ(read.wait(), data);
+    EXPECT_EQ(outcome(write), "");
+}
+
+TEST_F(AsyncSocketReading, ReadAtMostTakesOneReadOfAtMost4096BytesAndZeroBytesMakeNoCall) {
+    auto [reader, writer] = AsyncSocket::makePair(pool);
+    Closing b(writer);
+    async::syncWait(writeAll(writer, pattern(10000)));
+    EXPECT_EQ(async::syncWait(readAtMost(reader, 10000)).size(), 4096u);
+    EXPECT_EQ(async::syncWait(readAtMost(reader, 10)).size(), 10u);
+    reader.close();  // a read would now fail
+    EXPECT_TRUE(async::syncWait(readBytes(reader, 0)).empty());
+    EXPECT_TRUE(async::syncWait(readAtMost(reader, 0)).empty());
+}
+
+TEST_F(AsyncSocketReading, APeerThatClosesMidReadRaisesDisconnected) {
+    auto [reader, writer] = AsyncSocket::makePair(pool);
+    Closing a(reader);
+    auto read = async::spawn(readBytes(reader, 10));
+    async::syncWait(writeAll(writer, bytes("abc")));
+    ASSERT_TRUE(parked(1));  // after the 3 bytes
+    writer.close();
+    EXPECT_EQ(outcome(read), "SocketError. Disconnected");
+}
+
+TEST_F(AsyncSocketReading, WritesAndReadsMoreThanTheSocketBuffersHold) {
+    auto [reader, writer] = AsyncSocket::makePair(pool);
+    Closing a(reader), b(writer);
+    const auto data = pattern(4 << 20);
+    auto write = async::spawn(writeAll(writer, data));
+    EXPECT_EQ(async::syncWait(readBytes(reader, data.size())), data);
+    EXPECT_EQ(outcome(write), "");
+}
+
+TEST_F(AsyncSocketReading, BytesALineReaderLeavesReachTheNextReaderExactlyOnceThenTheEndIsDisconnected) {
+    auto [reader, writer] = AsyncSocket::makePair(pool);
+    Closing a(reader);
+    async::syncWait(writeAll(writer, bytes("GET / HTTP/1.1\nbody-bytes")));
+    EXPECT_EQ(async::syncWait(lineThenRest(reader.bytes(), 25)), "GET / HTTP/1.1\n|body-bytes");
+    writer.close();
+    EXPECT_EQ(outcome(async::spawn(nextByte(reader.bytes()))), "SocketError. Disconnected");
+}
+
+using AsyncSocketConnecting = test::RunningPool;
+
+TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6Loopback) {
+    const auto socket = Socket::make(AF_INET6);
+    socket.bind(loopback(0));
+    socket.listen(4);
+    AsyncSocket listener(socket, pool);
+    Closing l(listener);
+    auto accepted = async::spawn(acceptOne(listener));
+    ASSERT_TRUE(parked(1));
+    EXPECT_FALSE(accepted.isFinished());
+    auto client = async::syncWait(connectTo(AnySocketAddress(loopback(socket.sockname().port)), pool));
+    Closing c(client);
+    auto server = accepted.wait();
+    Closing s(server);
+    EXPECT_TRUE(server.socket().flags().contains(Socket::Flags::nonBlocking));
+    EXPECT_EQ(server.socket().remotePeer(), client.socket().sockname());
+    async::syncWait(writeAll(client, bytes("over v6")));
+    EXPECT_EQ(async::syncWait(readBytes(server, 7)), bytes("over v6"));
+}
+
+TEST_F(AsyncSocketConnecting, ClosingAListenerEndsItsAcceptSequenceQuietly) {
+    auto listener = listenOnLoopback(pool);
+    auto accepting = async::spawn(acceptUntilEnd(listener));
+    auto first = async::syncWait(connectTo(addressOf(listener), pool));
+    first.close();
+    ASSERT_TRUE(parked(1));
+    listener.close();
+    EXPECT_EQ(accepting.wait(), 1);
+}
+
+TEST_F(AsyncSocketConnecting, ARefusedConnectionFailsAndLeavesNothingOpen) {
+    const auto bound = Socket::make(AF_INET);  // bound, never listening: connections are refused
+    OwnedDescriptor owner(bound.file.rawValue);
+    bound.bind(inet("127.0.0.1", 0));
+    const auto result = outcome(async::spawn(connectTo(AnySocketAddress(inet("127.0.0.1", bound.sockname().port)), pool)));
+    // Refused at once, or reported by the queue as an error while in progress.
+    EXPECT_THAT(result, testing::AnyOf("SocketError. Connect(111): Connection refused", "SocketError. Disconnected"));
+}
+
+TEST_F(AsyncSocketConnecting, AConnectionThatDoesNotCompleteInTimeRaisesTimeoutError) {
+    // A listener whose accept queue is full drops further handshakes, so the next connect hangs.
+    auto listener = listenOnLoopback(pool, 0);
+    Closing l(listener);
+    std::string result;
+    for (int attempt = 0; attempt < 8 && result != "timed out"; ++attempt) {
+        auto outcome = async::syncWait(connectWithin(addressOf(listener), pool.get(), 0.3));
+        if (outcome == "connected")
+            continue;
+        result = outcome == "Task timed out before completion. Timeout: 0.3 seconds." ? "timed out" : outcome;
+    }
+    EXPECT_EQ(result, "timed out");
+}
+
+TEST_F(AsyncSocketConnecting, MakingASocketSetsExactlyNonBlocking) {
+    auto [a, b] = Socket::makePair(SocketType::stream);
+    OwnedDescriptor ownA(a.file.rawValue), ownB(b.file.rawValue);
+    a.setFlags(Socket::Flags(O_APPEND));
+    AsyncSocket socket(a, pool);
+    EXPECT_EQ(socket.socket().flags().rawValue & ~O_ACCMODE, O_NONBLOCK);
+    const Socket closed(Socket::make(AF_INET));
+    closed.close();
+    EXPECT_THROW(static_cast<void>(AsyncSocket(closed, pool)), SocketError);
+}
+
+namespace {
+async::Task<Bytes> receiveOne(AsyncSocket socket) { co_return (co_await socket.receive(100)).bytes; }
+async::Task<Bytes> nextMessage(AsyncSocket socket) {
+    auto messages = socket.messages();
+    co_return (co_await messages.next())->bytes;
+}
+async::Task<void> send(AsyncSocket socket, std::string_view text) {
+    AsyncSocket::Message message;
+    message.bytes = bytes(text);
+    co_await socket.send(message);
+}
+}  // namespace
+
+TEST_F(AsyncSocketConnecting, DatagramReceiversWaitForTheNextMessage) {
+    auto [a, b] = AsyncSocket::makePair(pool, SocketType::datagram);
+    Closing ca(a), cb(b);
+    auto received = async::spawn(receiveOne(a));
+    ASSERT_TRUE(parked(1));
+    async::syncWait(send(b, "late"));
+    EXPECT_EQ(received.wait(), bytes("late"));
+    auto next = async::spawn(nextMessage(a));
+    ASSERT_TRUE(parked(1));
+    async::syncWait(send(b, "later"));
+    EXPECT_EQ(next.wait(), bytes("later"));
+}

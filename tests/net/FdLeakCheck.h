@@ -1,0 +1,110 @@
+#pragma once
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+
+namespace orvel::test {
+
+// The descriptors this process has open, each with what it refers to ("socket:[123]").
+inline std::map<int, std::string> openDescriptors() {
+    std::map<int, std::string> descriptors;
+    DIR* directory = ::opendir("/proc/self/fd");
+    if (!directory)
+        return descriptors;
+    const int own = ::dirfd(directory);
+    while (const dirent* entry = ::readdir(directory)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        const int fd = std::stoi(entry->d_name);
+        if (fd == own)
+            continue;
+        char target[PATH_MAX];
+        const auto length = ::readlinkat(own, entry->d_name, target, sizeof target - 1);
+        descriptors.emplace(fd, length < 0 ? std::string("?") : std::string(target, static_cast<std::size_t>(length)));
+    }
+    ::closedir(directory);
+    return descriptors;
+}
+
+// The files mapped into this process: the test binary and its libraries.
+inline std::set<std::string> mappedFiles() {
+    std::set<std::string> files;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        std::istringstream fields(line);
+        std::string range, permissions, offset, device, inode, path;
+        if (fields >> range >> permissions >> offset >> device >> inode >> path && path.starts_with('/'))
+            files.insert(path);
+    }
+    return files;
+}
+
+// The descriptors open now that were not in `before`, leaving out those onto the binary or one
+// of its libraries: the sanitizers' symbolizer opens them the first time it reads a stack and
+// keeps them open.
+inline std::map<int, std::string> descriptorsOpenedSince(const std::map<int, std::string>& before) {
+    std::map<int, std::string> opened;
+    std::set<std::string> mapped;
+    for (const auto& [fd, target] : openDescriptors())
+        if (auto found = before.find(fd); found == before.end() || found->second != target) {
+            if (mapped.empty())
+                mapped = mappedFiles();
+            if (!mapped.contains(target))
+                opened.emplace(fd, target);
+        }
+    return opened;
+}
+
+// Fails the current test for every descriptor opened since `before` that stays open, and every
+// one in `before` that is gone. Another thread may hold one for a moment (glibc and the sanitizers
+// read /proc/self/maps to find a stack), so a new descriptor counts only if it is still there after
+// a grace period; a real leak is.
+inline void expectUnchanged(const std::map<int, std::string>& before) {
+    auto opened = descriptorsOpenedSince(before);
+    for (int attempt = 0; !opened.empty() && attempt < 50; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        opened = descriptorsOpenedSince(before);
+    }
+    for (const auto& [fd, target] : opened)
+        ADD_FAILURE() << "descriptor " << fd << " (" << target << ") leaked";
+    const auto after = openDescriptors();
+    for (const auto& [fd, target] : before)
+        if (!after.contains(fd))
+            ADD_FAILURE() << "descriptor " << fd << " (" << target << ") was closed by someone who did not open it";
+}
+
+// Checks, when it goes, that the descriptors are those open when it was made. Use as a member
+// or a local; nothing for the test to call.
+class FdSnapshot {
+public:
+    FdSnapshot() : before_(openDescriptors()) {}
+    FdSnapshot(const FdSnapshot&) = delete;
+    FdSnapshot& operator=(const FdSnapshot&) = delete;
+    ~FdSnapshot() { expectUnchanged(before_); }
+
+private:
+    std::map<int, std::string> before_;
+};
+
+// Fixture base for socket tests: compares /proc/self/fd before and after each test.
+// Derived fixtures that override SetUp/TearDown call these first/last.
+class FdLeakCheck : public ::testing::Test {
+protected:
+    void SetUp() override { before_ = openDescriptors(); }
+    void TearDown() override { expectUnchanged(before_); }
+
+private:
+    std::map<int, std::string> before_;
+};
+
+}  // namespace orvel::test

@@ -1,0 +1,93 @@
+#include "net/IdentifiableContinuation.h"
+
+#include "async/Async.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+using namespace orvel;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A waiting table like the socket pool's: continuations stored by id, cancelled by id.
+struct Waiters {
+    std::mutex mutex;
+    std::unordered_map<net::ContinuationID, net::IdentifiableContinuation<int>> table;
+    std::atomic<int> bodyRuns{0};
+    std::atomic<int> cancelCalls{0};
+    std::atomic<bool> cancelBeforeBody{false};
+
+    void store(net::IdentifiableContinuation<int> continuation) {
+        std::lock_guard lock(mutex);
+        bodyRuns.fetch_add(1);
+        table.emplace(continuation.id, continuation);
+    }
+    void cancel(net::ContinuationID id) {
+        if (bodyRuns.load() == 0) cancelBeforeBody = true;
+        cancelCalls.fetch_add(1);
+        std::unique_lock lock(mutex);
+        auto found = table.find(id);
+        if (found == table.end()) return;
+        auto continuation = found->second;
+        table.erase(found);
+        lock.unlock();
+        continuation.resumeThrowing(std::make_exception_ptr(async::CancellationError()));
+    }
+    bool resumeAny(int value) {
+        std::unique_lock lock(mutex);
+        if (table.empty()) return false;
+        auto continuation = table.begin()->second;
+        table.erase(table.begin());
+        lock.unlock();
+        continuation.resume(value);
+        return true;
+    }
+};
+
+async::Task<int> wait(Waiters* waiters) {
+    co_return co_await net::withIdentifiableContinuation<int>(
+        [waiters](net::IdentifiableContinuation<int> continuation) { waiters->store(continuation); },
+        [waiters](net::ContinuationID id) { waiters->cancel(id); });
+}
+
+}  // namespace
+
+TEST(IdentifiableContinuations, ACancellationBeforeTheBodyIsDeliveredOnceAfterIt) {
+    Waiters waiters;
+    auto handle = async::spawn([](Waiters* waiters) -> async::Task<int> {
+        try {
+            co_await async::sleep(1h);
+        } catch (const async::CancellationError&) {
+        }
+        co_return co_await wait(waiters);  // already cancelled when the body runs
+    }(&waiters));
+    handle.cancel();
+    EXPECT_THROW(handle.wait(), async::CancellationError);
+    EXPECT_EQ(waiters.bodyRuns.load(), 1);
+    EXPECT_EQ(waiters.cancelCalls.load(), 1);
+    EXPECT_FALSE(waiters.cancelBeforeBody.load());
+}
+
+TEST(IdentifiableContinuations, CancellationRacingResumptionEndsEachWaitExactlyOnce) {
+    for (int round = 0; round < 2000; ++round) {
+        Waiters waiters;
+        auto handle = async::spawn(wait(&waiters));
+        std::thread resumer([&] {
+            while (!waiters.resumeAny(round) && !handle.isFinished()) std::this_thread::yield();
+        });
+        if (round % 3 != 0) handle.cancel();
+        try {
+            EXPECT_EQ(handle.wait(), round);
+        } catch (const async::CancellationError&) {
+            EXPECT_EQ(waiters.cancelCalls.load(), 1);
+        }
+        resumer.join();
+        EXPECT_LE(waiters.cancelCalls.load(), 1);
+        EXPECT_FALSE(waiters.cancelBeforeBody.load());
+    }
+}

@@ -1,0 +1,124 @@
+#pragma once
+#include "async/Spawn.h"
+#include "async/Task.h"
+#include "net/Logging.h"
+#include "net/Mutex.h"
+#include "net/OwnedDescriptor.h"
+#include "net/SocketPool.h"
+
+#include "net/FdLeakCheck.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace orvel::test {
+
+// Spins (yielding) until the condition holds; the deadline only guards against a hang.
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+// What a finished task raised, or "" when it returned. Blocks until it ends.
+template <class T>
+std::string outcome(const async::TaskHandle<T>& handle) {
+    try {
+        handle.wait();
+        return "";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+// The text of the SocketError the call raised, or "" when it returned.
+template <class Call>
+std::string errorOf(Call call) {
+    try {
+        call();
+        return "";
+    } catch (const net::SocketError& error) {
+        return error.what();
+    }
+}
+
+// Pointers, not shared_ptr parameters: a parameter lives as long as the coroutine frame, which
+// may outlast the moment its waiter learns the result.
+inline async::Task<void> runPool(net::AsyncSocketPool* pool) { co_await pool->run(); }
+inline async::Task<void> preparePool(net::AsyncSocketPool* pool) { co_await pool->prepare(); }
+inline async::Task<void> waitOn(net::AsyncSocketPool* pool, net::Socket socket, net::Socket::Events events) {
+    co_await pool->suspendSocket(socket, events);
+}
+
+struct RecordingLogger final : net::Logging {
+    void log(Level level, const net::LogMessage& message) const override {
+        lines.withLock([&](std::vector<std::string>& all) { all.push_back(std::string(name(level)) + ": " + message()); });
+    }
+    std::vector<std::string> all() const { return lines.withLock([](std::vector<std::string>& all) { return all; }); }
+    net::Mutex<std::vector<std::string>> lines;
+};
+
+// A connected non-blocking stream pair, closed when it goes.
+struct Pair {
+    Pair() {
+        auto [a, b] = net::Socket::makeNonBlockingPair(net::SocketType::stream);
+        first = net::OwnedDescriptor(a.file.rawValue);
+        second = net::OwnedDescriptor(b.file.rawValue);
+    }
+    net::Socket socket() const { return net::Socket(first.get()); }
+    net::Socket peer() const { return net::Socket(second.get()); }
+    void fillSocketBuffer() const {
+        std::vector<char> chunk(1 << 16);
+        while (socket().tryWrite(chunk.data(), chunk.size()).done()) {
+        }
+    }
+    net::OwnedDescriptor first;
+    net::OwnedDescriptor second;
+};
+
+// A prepared epoll pool whose loop runs for the length of each test, with the descriptor check.
+class RunningPool : public FdLeakCheck {
+protected:
+    void SetUp() override {
+        FdLeakCheck::SetUp();
+        pool = net::SocketPool::make(20, logger);
+        async::syncWait(preparePool(pool.get()));
+        loop = async::spawn(runPool(pool.get()));
+        // Until the loop has taken the pool, a second run() could take it instead.
+        ASSERT_TRUE(eventually([&] { return pool->state() == net::SocketPool::State::running; }));
+    }
+    void TearDown() override {
+        loop.cancel();
+        EXPECT_EQ(outcome(loop), "CancellationError()");
+        pool.reset();
+        FdLeakCheck::TearDown();
+    }
+
+    bool parked(std::size_t count) const {
+        return eventually([&] { return pool->waitingCount() == count; });
+    }
+    // Parks a task on the socket and returns once the pool holds it.
+    async::TaskHandle<void> park(const net::Socket& socket, net::Socket::Events events) {
+        const auto before = pool->waitingCount();
+        auto handle = async::spawn(waitOn(pool.get(), socket, events));
+        EXPECT_TRUE(parked(before + 1));
+        return handle;
+    }
+
+    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
+    std::shared_ptr<net::SocketPool> pool;
+    async::TaskHandle<void> loop;
+};
+
+}  // namespace orvel::test
