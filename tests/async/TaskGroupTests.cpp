@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <stdexcept>
 #include <thread>
@@ -17,13 +18,30 @@ Task<int> after(std::chrono::milliseconds delay, int value) {
     co_return value;
 }
 
+Task<int> afterGate(AsyncStream<int>* gate, int value) {
+    co_await gate->next();
+    co_return value;
+}
+
+// Children added first finish last: each waits for its own gate, and the gates open one at a
+// time, each after the result before it came out.
 Task<std::vector<int>> collect() {
+    auto [first, openFirst] = AsyncStream<int>::make();
+    auto [second, openSecond] = AsyncStream<int>::make();
+    auto [third, openThird] = AsyncStream<int>::make();
     TaskGroup<int> group;
-    group.add(after(30ms, 3));
-    group.add(after(1ms, 1));
-    group.add(after(15ms, 2));
+    group.add(afterGate(&third, 3));
+    group.add(afterGate(&first, 1));
+    group.add(afterGate(&second, 2));
     std::vector<int> order;
-    while (auto value = co_await group.next()) order.push_back(*value);
+    const std::array gates{openFirst, openSecond, openThird};
+    for (const auto& open : gates) {
+        open.yield(0);
+        auto value = co_await group.next();
+        if (value) order.push_back(*value);
+    }
+    auto rest = co_await group.next();
+    if (rest) order.push_back(*rest);
     co_return order;
 }
 
