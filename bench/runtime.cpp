@@ -124,8 +124,9 @@ void timerScheduleCancel(benchmark::State& state) {
     TimerService::Timer timer;
     timer.fire = [](TimerService::Timer*) {};
     for (auto _ : state) {
-        timer.deadline = TimerService::Clock::now() + std::chrono::seconds(10);
-        service.schedule(timer);
+        const auto now = TimerService::Clock::now();
+        timer.deadline = now + std::chrono::seconds(10);
+        service.schedule(timer, now);
         benchmark::DoNotOptimize(service.cancel(timer));
     }
 }

@@ -15,7 +15,7 @@ bool SleepAwaiter::await_suspend(std::coroutine_handle<> handle) {
     timer_.deadline = now + std::min<TimerService::Clock::duration>(std::max(duration_, std::chrono::nanoseconds(0)), longest);
     timer_.owner = this;
     timer_.fire = &SleepAwaiter::fired;
-    TimerService::shared().schedule(timer_);
+    TimerService::shared().schedule(timer_, now);
     // The timer goes in first: a cancellation that runs at once must find it to remove.
     if (context_) {
         node_.owner = this;

@@ -4,8 +4,26 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+
 namespace orvel::async {
 namespace {
+using Clock = TimerService::Clock;
+
+constexpr auto longestLeeway = std::chrono::milliseconds(4);
+
+Clock::time_point latestFor(Clock::time_point deadline, Clock::time_point now) {
+    const auto leeway = std::clamp<Clock::duration>((deadline - now) / 64, Clock::duration::zero(), longestLeeway);
+    return deadline < Clock::time_point::max() - leeway ? deadline + leeway : Clock::time_point::max();
+}
+
+// Rounded up to the next millisecond, so that timers close together fire in one wake-up.
+Clock::time_point wakeFor(Clock::time_point latest) {
+    if (latest >= Clock::time_point::max() - std::chrono::milliseconds(1)) return Clock::time_point::max();
+    const auto rounded = std::chrono::ceil<std::chrono::milliseconds>(latest.time_since_epoch());
+    return Clock::time_point(std::chrono::duration_cast<Clock::duration>(rounded));
+}
+
 void fireTimer(void* timer) {
     auto* due = static_cast<TimerService::Timer*>(timer);
     due->fire(due);  // may end the timer's owner: nothing touches it after this
@@ -34,15 +52,16 @@ TimerService::~TimerService() {
     thread_.join();
 }
 
-void TimerService::schedule(Timer& timer) {
+void TimerService::schedule(Timer& timer, Clock::time_point now) {
+    timer.latest = latestFor(timer.deadline, now);
     bool wake = false;
     {
         std::lock_guard lock(mutex_);
         heap_.push_back(nullptr);
         place(heap_.size() - 1, &timer);
         siftUp(heap_.size() - 1);
-        if (timer.deadline < wakeAt_) {
-            wakeAt_ = timer.deadline;
+        if (const auto wakeAt = wakeFor(timer.latest); wakeAt < wakeAt_) {
+            wakeAt_ = wakeAt;
             wake = true;
         }
     }
@@ -74,9 +93,8 @@ void TimerService::run() {
             wakeAt_ = Clock::time_point::max();
             wake_.wait(lock);
         } else {
-            // Round up to the next millisecond so that timers close together fire in one wake-up.
-            auto deadline = std::chrono::ceil<std::chrono::milliseconds>(heap_[0]->deadline.time_since_epoch());
-            wakeAt_ = Clock::time_point(std::chrono::duration_cast<Clock::duration>(deadline));
+            // The heap is ordered by latest moment: its top is the first that must not wait longer.
+            wakeAt_ = wakeFor(heap_[0]->latest);
             wake_.wait_until(lock, wakeAt_);
         }
     }
@@ -86,7 +104,7 @@ void TimerService::siftUp(std::size_t index) {
     Timer* timer = heap_[index];
     while (index > 0) {
         std::size_t parent = (index - 1) / 2;
-        if (heap_[parent]->deadline <= timer->deadline) break;
+        if (heap_[parent]->latest <= timer->latest) break;
         place(index, heap_[parent]);
         index = parent;
     }
@@ -99,8 +117,8 @@ void TimerService::siftDown(std::size_t index) {
     for (;;) {
         std::size_t child = 2 * index + 1;
         if (child >= size) break;
-        if (child + 1 < size && heap_[child + 1]->deadline < heap_[child]->deadline) ++child;
-        if (timer->deadline <= heap_[child]->deadline) break;
+        if (child + 1 < size && heap_[child + 1]->latest < heap_[child]->latest) ++child;
+        if (timer->latest <= heap_[child]->latest) break;
         place(index, heap_[child]);
         index = child;
     }
@@ -113,7 +131,7 @@ void TimerService::removeAt(std::size_t index) {
     heap_.pop_back();
     if (index == heap_.size()) return;
     place(index, last);
-    if (index > 0 && heap_[(index - 1) / 2]->deadline > last->deadline) siftUp(index);
+    if (index > 0 && heap_[(index - 1) / 2]->latest > last->latest) siftUp(index);
     else siftDown(index);
 }
 

@@ -62,7 +62,8 @@ TEST(ThreadPool, AJobATimerStartsMayCancelALaterTimerDueInTheSameWakeUp) {
     TimerService service(&pool);
     std::promise<bool> cancelled;
     Probe later{}, first{};
-    auto due = TimerService::Clock::now() + 2ms;
+    const auto now = TimerService::Clock::now();
+    const auto due = now + 2ms;
     later.deadline = due + 1us;
     later.fire = [](TimerService::Timer*) { ADD_FAILURE() << "the cancelled timer fired"; };
     first.deadline = due;
@@ -74,8 +75,8 @@ TEST(ThreadPool, AJobATimerStartsMayCancelALaterTimerDueInTheSameWakeUp) {
         auto* self = static_cast<Probe*>(timer);
         self->pool->post(&cancelLater, self);
     };
-    service.schedule(later);
-    service.schedule(first);
+    service.schedule(later, now);
+    service.schedule(first, now);
     auto result = cancelled.get_future();
     ASSERT_EQ(result.wait_for(60s), std::future_status::ready);
     EXPECT_TRUE(result.get());

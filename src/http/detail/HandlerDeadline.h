@@ -15,9 +15,10 @@ public:
     HandlerDeadline(CancellableScope& scope, std::chrono::nanoseconds limit) {
         timer_.owner = this;
         timer_.scope = &scope;
-        timer_.deadline = async::TimerService::Clock::now() + limit;
+        const auto now = async::TimerService::Clock::now();
+        timer_.deadline = now + limit;
         timer_.fire = &HandlerDeadline::fired;
-        async::TimerService::shared().schedule(timer_);
+        async::TimerService::shared().schedule(timer_, now);
     }
     ~HandlerDeadline() { disarm(); }
     HandlerDeadline(const HandlerDeadline&) = delete;
