@@ -1,0 +1,119 @@
+// The soak's load against a running orvel (pid and minutes on the command line): well-behaved
+// streaming pages, idle connections, a page that stops reading and a page that floods pings
+// without reading. Prints orvel's resident memory every minute, its descriptor count at the
+// start and at the end, and how many messages each well-behaved page received.
+'use strict';
+const fs = require('fs');
+const net = require('net');
+const path = require('path');
+const WebSocket = require(path.join(__dirname, '../../tests/node/node_modules/ws'));
+
+const [pid, minutes, streams, idle, rate] = process.argv.slice(2).map(Number);
+const url = 'ws://127.0.0.1:8505/';
+const origin = 'http://localhost:3000';
+const chunkBytes = Math.trunc(rate / 10) * 2;
+
+const rssMiB = () => {
+    const line = fs.readFileSync(`/proc/${pid}/status`, 'utf8').split('\n').find((l) => l.startsWith('VmRSS:'));
+    return Number(line.split(/\s+/)[1]) / 1024;
+};
+const descriptors = () => fs.readdirSync(`/proc/${pid}/fd`).length;
+
+function page(onOpen) {
+    const ws = new WebSocket(url, { origin });
+    ws.on('open', () => {
+        ws.send(JSON.stringify({ type: 'loopback', sample_rate: rate }));
+        onOpen(ws);
+    });
+    ws.on('error', () => {});
+    return ws;
+}
+
+async function main() {
+    const startDescriptors = descriptors();
+    const counts = new Array(streams).fill(0);
+    const wrongSize = new Array(streams).fill(0);
+    const pages = [];
+    for (let i = 0; i < streams; ++i) {
+        const ws = page(() => {});
+        ws.on('message', (data, isBinary) => {
+            if (isBinary && data.length === chunkBytes) counts[i] += 1;
+            else wrongSize[i] += 1;
+        });
+        pages.push(ws);
+    }
+    // The hostile ones come back whenever orvel closes them, so the pressure lasts the whole run.
+    let running = true;
+    const closes = { idle: 0, stalled: [], flooder: [] };
+    const sockets = new Set();
+    const idleConnection = () => {
+        const socket = net.connect(8505, '127.0.0.1');
+        sockets.add(socket);
+        socket.on('error', () => {});
+        socket.on('close', () => {
+            sockets.delete(socket);
+            closes.idle += 1;
+            if (running) setTimeout(idleConnection, 100);
+        });
+    };
+    for (let i = 0; i < idle; ++i) idleConnection();
+    const hostile = [];
+    const comeBack = (name, start) => {
+        const ws = new WebSocket(url, { origin });
+        hostile.push(ws);
+        ws.on('open', () => start(ws));
+        ws.on('error', () => {});
+        ws.on('close', (code, reason) => {
+            closes[name].push(`${code} ${reason}`);
+            if (running) setTimeout(() => comeBack(name, start), 1000);
+        });
+    };
+    // Reads nothing once it has asked for a stream at a high rate.
+    comeBack('stalled', (ws) => {
+        ws._socket.pause();
+        ws.send(JSON.stringify({ type: 'loopback', sample_rate: 384000 }));
+    });
+    // Pings as fast as its socket takes them and never reads the pongs.
+    const ping = Buffer.alloc(125, 0x55);
+    comeBack('flooder', (ws) => {
+        ws._socket.pause();
+        const more = () => {
+            if (!running || ws.readyState !== WebSocket.OPEN) return;
+            // Bounded per turn, so the flood never starves this process's own timers and pages.
+            for (let i = 0; i < 256 && ws._socket.writableLength < 1 << 20; ++i) ws.ping(ping);
+            setImmediate(more);
+        };
+        more();
+    });
+
+    const started = Date.now();
+    console.log(`soak: ${streams} pages at ${rate} Hz, ${idle} idle connections, a stalled page, a ping flood; ${minutes} min`);
+    console.log(`soak: descriptors at start ${startDescriptors}`);
+    for (let minute = 1; minute <= minutes; ++minute) {
+        await new Promise((resolve) => setTimeout(resolve, started + minute * 60000 - Date.now()));
+        const total = counts.reduce((a, b) => a + b, 0);
+        console.log(`soak: minute ${minute}: RSS ${rssMiB().toFixed(1)} MiB, descriptors ${descriptors()}, messages ${total}`);
+    }
+    running = false;
+    const idleClosed = closes.idle;
+    const seconds = (Date.now() - started) / 1000;
+    for (const ws of pages) ws.close();
+    for (const socket of sockets) socket.destroy();
+    for (const ws of hostile) ws.terminate();
+    // Give orvel a moment to close its side of everything.
+    for (let i = 0; i < 100 && descriptors() !== startDescriptors; ++i) await new Promise((r) => setTimeout(r, 100));
+    console.log(`soak: descriptors at end ${descriptors()} (start ${startDescriptors})`);
+    const summary = (list) => [...new Set(list)].map((c) => `${list.filter((x) => x === c).length} x "${c}"`).join(', ');
+    console.log(`soak: stalled pages closed: ${summary(closes.stalled)}; ping flooders closed: ${summary(closes.flooder)}; ` +
+        `idle connections closed by orvel: ${idleClosed}`);
+    const min = Math.min(...counts);
+    const max = Math.max(...counts);
+    console.log(`soak: messages per page in ${seconds.toFixed(0)} s: min ${min}, max ${max} (expected about ${Math.round(seconds * 10)}), ` +
+        `wrong-sized ${wrongSize.reduce((a, b) => a + b, 0)}`);
+    console.log(`soak: per page: ${counts.join(' ')}`);
+}
+
+main().then(() => process.exit(0), (error) => {
+    console.error(`soak: ${error.stack || error}`);
+    process.exit(1);
+});
