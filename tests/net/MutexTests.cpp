@@ -5,22 +5,8 @@
 #include <future>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 using orvel::net::Mutex;
-
-TEST(Mutex, CopiesShareOneValueAndSerialiseConcurrentUpdates) {
-    Mutex<long> counter(0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([counter] {
-            for (int i = 0; i < 10000; ++i)
-                counter.withLock([](long& v) { ++v; });
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(counter.withLock([](long& v) { return v; }), 40000);
-}
 
 TEST(Mutex, WithLockIfAvailableIsAbsentOnlyWhileTheLockIsHeld) {
     Mutex<int> value(3);
