@@ -10,11 +10,6 @@
 namespace orvel::platform {
 namespace {
 
-TEST(TrayMenuTitle, ShowsTheVersionOnlyWhenThereIsOne) {
-    EXPECT_EQ(TrayIcon::menuTitle(std::nullopt), "Tamrix Orvel");
-    EXPECT_EQ(TrayIcon::menuTitle("412"), "Tamrix Orvel (v412)");
-}
-
 TEST(TrayIconFolder, FindsTheIconBesideTheInstallation) {
     test::TemporaryFolder folder;
     std::filesystem::create_directories(folder.path() / "bin");
