@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace orvel::platform {
 namespace fs = std::filesystem;
@@ -200,17 +201,6 @@ XdgAutostart XdgAutostart::mainAppService() {
         configuration.configHome = home;
     else
         configuration.configHome = homeFolder() / ".config";
-    if (const char* dirs = std::getenv("XDG_CONFIG_DIRS"); dirs && dirs[0] != '\0') {
-        std::string_view rest = dirs;
-        while (!rest.empty()) {
-            std::size_t colon = rest.find(':');
-            std::string_view dir = rest.substr(0, colon);
-            if (!dir.empty() && dir.front() == '/') configuration.configDirs.emplace_back(dir);
-            rest = colon == std::string_view::npos ? std::string_view{} : rest.substr(colon + 1);
-        }
-    } else {
-        configuration.configDirs.emplace_back("/etc/xdg");
-    }
     return XdgAutostart(std::move(configuration));
 }
 
@@ -228,9 +218,10 @@ XdgAutostart::Status XdgAutostart::status() const {
     bool entryFirst = start && std::strcmp(start, entryGroup) == 0;
     g_free(start);
     if (!entryFirst) return Status::notRegistered;
+    // Turned off by the user: their choice stands, whatever else the entry says.
+    if (stringValue(file.get(), "Hidden") == "true") return Status::enabled;
+    if (stringValue(file.get(), "X-GNOME-Autostart-enabled") == "false") return Status::enabled;
     if (stringValue(file.get(), "Type") != "Application") return Status::notRegistered;
-    if (stringValue(file.get(), "Hidden") == "true") return Status::notRegistered;
-    if (stringValue(file.get(), "X-GNOME-Autostart-enabled") == "false") return Status::notRegistered;
     std::optional<std::string> exec = stringValue(file.get(), "Exec");
     std::optional<std::string> program = exec ? execProgram(*exec) : std::nullopt;
     if (!program || program->empty() || program->front() != '/') return Status::notRegistered;
@@ -256,27 +247,7 @@ void XdgAutostart::registerEntry() const {
                            "X-GNOME-Autostart-enabled=true\n"
                            "NoDisplay=true\n"
                            "Terminal=false\n";
-    writeEntry(contents);
-}
 
-void XdgAutostart::unregisterEntry() const {
-    fs::path path = entryPath();
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR)
-        throw failure("Could not remove", path, errno);
-    // The user's folder wins over the system ones, so a hidden user entry masks a system entry.
-    for (const fs::path& dir : configuration_.configDirs) {
-        std::error_code error;
-        if (fs::exists(dir / "autostart" / (configuration_.identifier + ".desktop"), error)) {
-            writeEntry("[Desktop Entry]\n"
-                       "Type=Application\n"
-                       "Name=" + escapeValue(configuration_.name) + "\n"
-                       "Hidden=true\n");
-            return;
-        }
-    }
-}
-
-void XdgAutostart::writeEntry(const std::string& contents) const {
     fs::path path = entryPath();
     fs::path folder = path.parent_path();
     makeFolders(folder);

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 namespace orvel::platform {
 
@@ -26,7 +25,6 @@ public:
         std::string name;                               // the entry's Name=
         std::filesystem::path executable;               // absolute path of the program to start
         std::filesystem::path configHome;               // the user's config folder ($XDG_CONFIG_HOME)
-        std::vector<std::filesystem::path> configDirs;  // system config folders ($XDG_CONFIG_DIRS)
     };
 
     static constexpr const char* applicationIdentifier = "com.tamrix.orvel";
@@ -34,28 +32,24 @@ public:
 
     explicit XdgAutostart(Configuration configuration);
 
-    // The application's own login item: this process's executable and the folders named by the
-    // environment (XDG_CONFIG_HOME, else ~/.config; XDG_CONFIG_DIRS, else /etc/xdg).
+    // The application's own login item: this process's executable and the user's config folder
+    // (XDG_CONFIG_HOME, else ~/.config).
     static XdgAutostart mainAppService();
 
-    // Enabled when the user's entry exists and parses, is Type=Application, is neither
-    // Hidden=true nor X-GNOME-Autostart-enabled=false, and its Exec starts our executable.
+    // Enabled when the user's entry exists, parses, is Type=Application and its Exec starts our
+    // executable; also when the user turned the entry off (Hidden=true or
+    // X-GNOME-Autostart-enabled=false, as desktop settings write it), so that a launch never
+    // turns it back on.
     Status status() const;
 
     // Writes the user's entry atomically (temporary file, then rename), creating missing folders
     // with mode 0700. Throws Error.
     void registerEntry() const;
 
-    // Removes the user's entry. When a system folder has an entry of the same name, writes a
-    // user entry with Hidden=true instead, which masks it. Throws Error.
-    void unregisterEntry() const;
-
     std::filesystem::path entryPath() const;
     const Configuration& configuration() const noexcept { return configuration_; }
 
 private:
-    void writeEntry(const std::string& contents) const;
-
     Configuration configuration_;
 };
 

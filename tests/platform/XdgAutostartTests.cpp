@@ -58,10 +58,9 @@ class LoginItem : public ::testing::Test {
 protected:
     test::TemporaryFolder folder;
     fs::path configHome = folder.path() / "config";
-    fs::path systemDir = folder.path() / "system";
 
     XdgAutostart autostartFor(const fs::path& executable) const {
-        return XdgAutostart({"com.tamrix.orvel", "Tamrix Orvel", executable, configHome, {systemDir}});
+        return XdgAutostart({"com.tamrix.orvel", "Tamrix Orvel", executable, configHome});
     }
     fs::path userEntry() const { return configHome / "autostart" / "com.tamrix.orvel.desktop"; }
 
@@ -91,10 +90,9 @@ protected:
     }
 };
 
-TEST_F(LoginItem, RegistersAValidEntryInAPrivateFolderReplacesItAndUnregisters) {
+TEST_F(LoginItem, RegistersAValidEntryInAPrivateFolderAndReplacesAnOldOne) {
     auto item = autostartFor("/usr/bin/orvel");
     EXPECT_EQ(item.status(), Status::notRegistered);
-    item.unregisterEntry();  // harmless when there is none
     writeFile(userEntry(), "[Desktop Entry]\nType=Application\nName=Old\nExec=/old/orvel\n");
     EXPECT_EQ(item.status(), Status::notRegistered);
     item.registerEntry();
@@ -103,9 +101,6 @@ TEST_F(LoginItem, RegistersAValidEntryInAPrivateFolderReplacesItAndUnregisters) 
     EXPECT_EQ(item.entryPath(), userEntry());
     EXPECT_EQ(validatorComplaints(userEntry()), "");
     EXPECT_THAT(namesIn(userEntry().parent_path()), ElementsAre("com.tamrix.orvel.desktop")) << "no temporary file left";
-    item.unregisterEntry();
-    EXPECT_FALSE(fs::exists(userEntry()));
-    EXPECT_EQ(item.status(), Status::notRegistered);
 
     fs::remove_all(configHome);
     item.registerEntry();
@@ -135,15 +130,17 @@ TEST_F(LoginItem, RefusesPathsAnEntryCannotNameFaithfully) {
     EXPECT_FALSE(fs::exists(userEntry()));
 }
 
-TEST_F(LoginItem, ReadsOnlyAnEntryThatStartsThisProgramAsEnabled) {
+// Enabled: an entry that starts this program, or one the user turned off (never turned back on).
+TEST_F(LoginItem, ReadsAnEntryThatStartsThisProgramOrThatTheUserTurnedOffAsEnabled) {
     const std::string head = "[Desktop Entry]\nType=Application\nName=Tamrix Orvel\n";
     const std::string exec = "Exec=\"/opt/Orvel App/orvel\"\n";
     const std::vector<std::tuple<const char*, std::string, Status>> cases = {
         {"quoted path with arguments", head + "Exec=\"/opt/Orvel App/orvel\" --background %U\n", Status::enabled},
         {"non-normalised path", head + "Exec=\"/opt/./Orvel App//orvel\"\n", Status::enabled},
         {"other groups after the entry", head + exec + "[Desktop Action x]\nName=x\n", Status::enabled},
-        {"hidden", head + exec + "Hidden=true\n", Status::notRegistered},
-        {"disabled for GNOME", head + exec + "X-GNOME-Autostart-enabled=false\n", Status::notRegistered},
+        {"hidden by the user", head + exec + "Hidden=true\n", Status::enabled},
+        {"turned off in GNOME's settings", head + "Exec=/old/orvel\nX-GNOME-Autostart-enabled=false\n", Status::enabled},
+        {"turned on in GNOME's settings", head + "Exec=/old/orvel\nX-GNOME-Autostart-enabled=true\n", Status::notRegistered},
         {"a link", "[Desktop Entry]\nType=Link\nName=x\nURL=http://x\n" + exec, Status::notRegistered},
         {"another program", head + "Exec=/usr/bin/other\n", Status::notRegistered},
         {"unquoted path cut at the space", head + "Exec=/opt/Orvel App/orvel\n", Status::notRegistered},
@@ -159,34 +156,6 @@ TEST_F(LoginItem, ReadsOnlyAnEntryThatStartsThisProgramAsEnabled) {
         SCOPED_TRACE(why);
         writeFile(userEntry(), entry);
         EXPECT_EQ(autostartFor("/opt/Orvel App/orvel").status(), expected);
-    }
-}
-
-TEST_F(LoginItem, UnregisteringMasksASystemEntryOfTheSameName) {
-    writeFile(systemDir / "autostart" / "com.tamrix.orvel.desktop",
-              "[Desktop Entry]\nType=Application\nName=Tamrix Orvel\nExec=/bin/true\n");
-    // systemd's generator decides what a session would start at login: our oracle for masking.
-    const std::string generator = "/usr/lib/systemd/user-generators/systemd-xdg-autostart-generator";
-    auto unitsGenerated = [&] {
-        fs::path out = folder.path() / "units";
-        fs::remove_all(out);
-        fs::create_directories(out);
-        auto env = test::environmentWith({{"XDG_CONFIG_HOME", configHome.string()}, {"XDG_CONFIG_DIRS", systemDir.string()}});
-        test::runProgram({generator, out.string(), out.string(), out.string()}, {.environment = env});
-        return fs::exists(out / "app-com.tamrix.orvel@autostart.service");
-    };
-    const bool haveGenerator = test::isExecutable(generator);
-    if (haveGenerator) {
-        EXPECT_TRUE(unitsGenerated()) << "the system entry alone would start";
-    }
-
-    auto item = autostartFor("/usr/bin/orvel");
-    item.unregisterEntry();
-    EXPECT_EQ(item.status(), Status::notRegistered);
-    EXPECT_THAT(readFile(userEntry()), HasSubstr("\nHidden=true\n"));
-    EXPECT_EQ(validatorComplaints(userEntry()), "");
-    if (haveGenerator) {
-        EXPECT_FALSE(unitsGenerated()) << "the hidden user entry masks the system one";
     }
 }
 
