@@ -3,6 +3,7 @@
 #include "app/AppDelegate.h"
 #include "app/AppLogger.h"
 #include "app/Bundle.h"
+#include "app/StreamCount.h"
 #include "app/VersionRoute.h"
 #include "platform/TrayIcon.h"
 
@@ -59,9 +60,13 @@ int main(int argc, char** argv) {
 
     platform::TrayIcon::Configuration trayConfiguration;
     trayConfiguration.title = platform::TrayIcon::menuTitle(version);
-    trayConfiguration.iconDirectory = platform::TrayIcon::iconDirectoryFor(executablePath());
+    // Icons not in the installed theme: an install under another prefix, then the source tree.
+    trayConfiguration.iconDirectories = {(executablePath().parent_path() / "../share/icons/hicolor/symbolic/apps").lexically_normal(),
+                                         ORVEL_SOURCE_ICONS};
     trayConfiguration.logger = appLogger();
     platform::TrayIcon tray(std::move(trayConfiguration));
+    // Declared after the tray, so it ends before the tray goes.
+    auto streaming = currentStreamCount().subscribe([&tray](std::int64_t count) { tray.setStreamCount(count); });
 
     AppDelegate delegate(AppDelegate::Environment::standard([&tray] { tray.terminate(); }));
     tray.setQuitHandler([&delegate] { delegate.applicationWillTerminate(); });

@@ -6,6 +6,8 @@
 
 #include <csignal>
 #include <deque>
+#include <filesystem>
+#include <string>
 #include <mutex>
 #include <system_error>
 #include <utility>
@@ -18,6 +20,7 @@ struct TrayIcon::State {
     GMainLoop* loop = nullptr;
     bool headless = true;
     GtkWidget* menu = nullptr;
+    GtkWidget* streamingItem = nullptr;  // "Streaming to N pages", shown only while pages stream
     AppIndicator* indicator = nullptr;
     guint interruptSource = 0;
     guint terminateSource = 0;
@@ -63,36 +66,70 @@ struct TrayIcon::State {
         g_object_ref_sink(menu);
         GtkWidget* title = gtk_menu_item_new_with_label(configuration.title.c_str());
         gtk_widget_set_sensitive(title, FALSE);
+        streamingItem = gtk_menu_item_new_with_label("");
+        gtk_widget_set_sensitive(streamingItem, FALSE);
         GtkWidget* quit = gtk_menu_item_new_with_label("Quit");
         g_signal_connect(quit, "activate", G_CALLBACK(onQuitActivated), this);
         gtk_menu_shell_append(GTK_MENU_SHELL(menu), title);
+        gtk_menu_shell_append(GTK_MENU_SHELL(menu), streamingItem);
         gtk_menu_shell_append(GTK_MENU_SHELL(menu), gtk_separator_menu_item_new());
         gtk_menu_shell_append(GTK_MENU_SHELL(menu), quit);
         gtk_widget_show_all(menu);
+        gtk_widget_hide(streamingItem);
 
         indicator = app_indicator_new(configuration.identifier.c_str(), configuration.iconName.c_str(),
                                       APP_INDICATOR_CATEGORY_APPLICATION_STATUS);
-        if (!configuration.iconDirectory.empty())
-            app_indicator_set_icon_theme_path(indicator, configuration.iconDirectory.c_str());
+        // The installed theme first; else the first folder that has the icon (an install elsewhere
+        // than /usr, or the source tree).
+        if (!gtk_icon_theme_has_icon(gtk_icon_theme_get_default(), configuration.iconName.c_str()))
+            for (const auto& folder : configuration.iconDirectories) {
+                std::error_code error;
+                if (std::filesystem::is_regular_file(std::filesystem::path(folder) / (configuration.iconName + ".svg"), error)) {
+                    app_indicator_set_icon_theme_path(indicator, folder.c_str());
+                    break;
+                }
+            }
         app_indicator_set_title(indicator, configuration.name.c_str());
         app_indicator_set_menu(indicator, GTK_MENU(menu));
         app_indicator_set_status(indicator, APP_INDICATOR_STATUS_ACTIVE);
+        if (!hasTrayHost())
+            logger->logInfo("No tray host on the session bus (org.kde.StatusNotifierWatcher), so the tray icon may not "
+                            "show. On GNOME, the \"AppIndicator and KStatusNotifierItem Support\" extension adds one.");
+    }
+
+    // Whether a StatusNotifier host listens: without one the icon goes nowhere (stock GNOME).
+    static bool hasTrayHost() {
+        GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+        if (!bus) return false;
+        GVariant* reply = g_dbus_connection_call_sync(
+            bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
+            g_variant_new("(s)", "org.kde.StatusNotifierWatcher"), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 1000,
+            nullptr, nullptr);
+        gboolean owned = FALSE;
+        if (reply) {
+            g_variant_get(reply, "(b)", &owned);
+            g_variant_unref(reply);
+        }
+        g_object_unref(bus);
+        return owned;
+    }
+
+    void showStreamCount(std::int64_t count) {
+        if (!indicator) return;
+        const auto& icon = count > 0 ? configuration.activeIconName : configuration.iconName;
+        app_indicator_set_icon_full(indicator, icon.c_str(), count > 0 ? "Streaming" : configuration.name.c_str());
+        gtk_menu_item_set_label(GTK_MENU_ITEM(streamingItem), streamingLine(count).c_str());
+        gtk_widget_set_visible(streamingItem, count > 0);
     }
 };
+
+std::string TrayIcon::streamingLine(std::int64_t count) {
+    return "Streaming to " + std::to_string(count) + (count == 1 ? " page" : " pages");
+}
 
 std::string TrayIcon::menuTitle(const std::optional<std::string>& appVersion) {
     if (!appVersion) return "Tamrix Orvel";
     return "Tamrix Orvel (v" + *appVersion + ")";
-}
-
-std::string TrayIcon::iconDirectoryFor(const std::filesystem::path& executable, const std::string& iconName) {
-    const std::filesystem::path folder = executable.parent_path();
-    for (const auto& candidate : {folder / ".." / "share" / "orvel" / "icons", folder / ".." / "resources" / "icons"}) {
-        std::error_code error;
-        if (std::filesystem::is_regular_file(candidate / (iconName + ".svg"), error))
-            return std::filesystem::weakly_canonical(candidate, error).string();
-    }
-    return {};
 }
 
 TrayIcon::TrayIcon(Configuration configuration) : state_(std::make_unique<State>()) {
@@ -141,6 +178,11 @@ void TrayIcon::run() {
 void TrayIcon::terminate() {
     State* state = state_.get();
     post([state] { state->quitPath(); });
+}
+
+void TrayIcon::setStreamCount(std::int64_t count) {
+    State* state = state_.get();
+    post([state, count] { state->showStreamCount(count); });
 }
 
 void TrayIcon::post(std::function<void()> work) {

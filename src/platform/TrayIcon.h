@@ -2,16 +2,18 @@
 #include "net/Logging.h"
 #include "platform/MainLoop.h"
 
-#include <filesystem>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orvel::platform {
 
 // The application's menu-bar item and its main loop: a GTK 3 + Ayatana AppIndicator tray icon
-// whose menu is a greyed title, a separator and "Quit". Without a graphical session (no display
+// whose menu is a greyed title, a separator and "Quit". While pages stream, the icon switches to
+// its active variant and a greyed line under the title says how many listen. Without a graphical session (no display
 // GTK can open) it runs headless on a plain GLib main loop and logs that it does. "Quit",
 // SIGINT and SIGTERM all take one quit path: the quit handler runs on the main thread, then
 // run() returns. One per process: construct, run and destroy it on the main thread.
@@ -21,18 +23,19 @@ public:
         std::string identifier = "com.tamrix.orvel";  // the item's id on the session bus
         std::string name = "Tamrix Orvel";             // the item's title for tray hosts
         std::string title = "Tamrix Orvel";            // the menu's first, greyed item
-        std::string iconName = "MenuBarIcon";
-        std::string iconDirectory = {};                // folder with <iconName>.svg; empty: icon theme only
+        // Symbolic icons: the tray host draws them in the panel's own colour, light or dark.
+        std::string iconName = "com.tamrix.orvel-symbolic";
+        std::string activeIconName = "com.tamrix.orvel-active-symbolic";  // while pages stream
+        // Where to look, in order, when the icon theme has no <iconName>: folders with <iconName>.svg.
+        std::vector<std::string> iconDirectories = {};
         net::Logger logger = {};                       // null: the system log, category "ApplicationCode"
     };
 
     // "Tamrix Orvel (v412)" for version 412; "Tamrix Orvel" when there is no version.
     static std::string menuTitle(const std::optional<std::string>& appVersion);
 
-    // The installed icon folder next to `executable` (../share/orvel/icons), else the source
-    // tree's (../resources/icons) for a build folder inside it; empty when neither has the icon.
-    static std::string iconDirectoryFor(const std::filesystem::path& executable,
-                                        const std::string& iconName = "MenuBarIcon");
+    // The menu line while `count` pages stream: "Streaming to 1 page", "Streaming to 3 pages".
+    static std::string streamingLine(std::int64_t count);
 
     explicit TrayIcon(Configuration configuration);
     ~TrayIcon() override;
@@ -56,6 +59,9 @@ public:
     // Runs `work` on the main thread, in the order posted; from any thread. Must not race
     // the destructor.
     void post(std::function<void()> work) override;
+
+    // Shows how many pages stream (0: none, the idle icon and no line); from any thread.
+    void setStreamCount(std::int64_t count);
 
 private:
     struct State;

@@ -213,28 +213,69 @@ TEST_F(OrvelEndToEnd, AnUnwritableConfigFolderIsLoggedAndLaunchGoesOn) {
     EXPECT_THAT(orvel->output(), HasSubstr("info: Failed to register as login item "));
 }
 
-TEST_F(OrvelEndToEnd, TheTrayMenuShowsNameVersionAndQuitWhichTerminates) {
+// The tray's menu as labels, and its icon, once they satisfy `done` (or as they are after the guard).
+template <class Done>
+test::DesktopSession::ItemView trayWhen(const test::DesktopSession& session, const test::DesktopSession::Item& item, Done done) {
+    auto view = session.show(item);
+    for (int i = 0; i < 300 && !done(view); ++i) {
+        std::this_thread::sleep_for(100ms);
+        view = session.show(item);
+    }
+    return view;
+}
+
+std::vector<std::string> labels(const test::DesktopSession::ItemView& view) {
+    std::vector<std::string> out;
+    for (const auto& entry : view.entries) out.push_back(entry.type == "separator" ? "---" : entry.label);
+    return out;
+}
+
+TEST_F(OrvelEndToEnd, TheTrayShowsNameVersionAndStreamingPagesAndQuitTerminates) {
     if (auto missing = test::DesktopSession::missingTools(); !missing.empty())
         GTEST_SKIP() << "missing: " << missing << "(scripts/setup installs them)";
     test::DesktopSession session;
-    auto orvel = start(session.environmentChanges(), test::OrvelProcess::variantBinary());
+    test::PulseAudioServer pulse;
+    auto changes = session.environmentChanges();
+    changes["PULSE_SERVER"] = pulse.server();
+    auto orvel = start(changes, test::OrvelProcess::variantBinary());
     auto item = session.waitForItem(60s);
     ASSERT_TRUE(item) << orvel->output();
     auto view = session.show(*item);
     EXPECT_EQ(view.properties["Id"], "com.tamrix.orvel");
     EXPECT_EQ(view.properties["Status"], "Active");
-    EXPECT_EQ(view.properties["IconName"], "MenuBarIcon");
-    EXPECT_THAT(view.properties["IconThemePath"], ::testing::EndsWith("/resources/icons"));
-    ASSERT_EQ(view.entries.size(), 3u);
-    EXPECT_EQ(view.entries[0].label, "Tamrix Orvel (v412)");
+    EXPECT_EQ(view.properties["IconName"], "com.tamrix.orvel-symbolic");
+    // Not installed here: found in the source tree, wherever the build folder is.
+    EXPECT_EQ(view.properties["IconThemePath"], ORVEL_SOURCE_DIR "/resources/icons");
+    using ::testing::ElementsAre;
+    EXPECT_THAT(labels(view), ElementsAre("Tamrix Orvel (v412)", "---", "Quit"));
+    ASSERT_FALSE(view.entries.empty());
     EXPECT_FALSE(view.entries[0].enabled) << "the title is not a command";
-    EXPECT_EQ(view.entries[1].type, "separator");
-    EXPECT_EQ(view.entries[2].label, "Quit");
+
+    std::vector<std::unique_ptr<test::WebSocketClient>> pages;
+    auto streamWith = [&](std::size_t count) {
+        while (pages.size() < count) {
+            pages.push_back(std::make_unique<test::WebSocketClient>("http://localhost"));
+            pages.back()->sendText(R"({"type": "loopback", "sample_rate": 16000})");
+        }
+        while (pages.size() > count) pages.pop_back();
+    };
+    for (const auto& [count, line] : std::vector<std::pair<std::size_t, std::string>>{
+             {1, "Streaming to 1 page"}, {3, "Streaming to 3 pages"}}) {
+        streamWith(count);
+        view = trayWhen(session, *item, [&](const auto& v) { return labels(v).size() == 4 && labels(v)[1] == line; });
+        EXPECT_THAT(labels(view), ElementsAre("Tamrix Orvel (v412)", line, "---", "Quit")) << orvel->output();
+        EXPECT_EQ(view.properties["IconName"], "com.tamrix.orvel-active-symbolic");
+    }
+    streamWith(0);
+    view = trayWhen(session, *item, [](const auto& v) { return labels(v).size() == 3; });
+    EXPECT_THAT(labels(view), ElementsAre("Tamrix Orvel (v412)", "---", "Quit")) << orvel->output();
+    EXPECT_EQ(view.properties["IconName"], "com.tamrix.orvel-symbolic");
 
     session.click(*item, "Quit");
     EXPECT_EQ(orvel->exitCode(), 0);
     EXPECT_TRUE(ranTerminationSteps(orvel->output()));
     EXPECT_THAT(orvel->output(), Not(HasSubstr("running headless")));
+    EXPECT_THAT(orvel->output(), Not(HasSubstr("No tray host")));
 }
 
 // Counts what arrives until 2.5 s of audio are in, then closes.

@@ -4,8 +4,8 @@
 usage: dbusmenu.py show  BUS_NAME ITEM_PATH
        dbusmenu.py click BUS_NAME ITEM_PATH LABEL
 Labels are printed and matched as shown, with dbusmenu's mnemonic underscores decoded.
-`show` prints tab-separated lines "property <name> <value>" and, for each menu entry in order,
-"entry <type> <enabled> <label>". Needs Debian's python3-dbus: run it with /usr/bin/python3."""
+`show` prints tab-separated lines "property <name> <value>" and, for each visible menu entry in
+order, "entry <type> <enabled> <label>". Needs Debian's python3-dbus: run it with /usr/bin/python3."""
 import sys
 
 import dbus
@@ -44,6 +44,8 @@ def main(argv):
         for name in ("Id", "Title", "Status", "IconName", "IconThemePath"):
             print(f"property\t{name}\t{props.get(name, '')}")
         for _, p in entries(layout):
+            if not bool(p.get("visible", True)):
+                continue
             print(f"entry\t{p.get('type', 'standard')}\t{bool(p.get('enabled', True))}\t{plain(str(p.get('label', '')))}")
         return 0
     for entry_id, p in entries(layout):
