@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "app/AppLogger.h"
+#include "app/RunningInstance.h"
 #include "app/VersionRoute.h"
 #include "app/WebSocketRoute.h"
 #include "async/Error.h"
@@ -47,6 +48,12 @@ void AppDelegate::applicationDidFinishLaunching() {
         if (std::exchange(first, false)) return;
         logger->logInfo([&] { return "Streaming connections: " + std::to_string(count) + "."; });
     });
+
+    // A second launch: the server will find its port taken, but the user should learn why.
+    if (const auto running = runningOrvelVersion(serverAddress, serverPort)) {
+        anotherInstanceRunning_ = true;
+        logger->logInfo([&] { return "Orvel " + *running + " is already running on 127.0.0.1:8505."; });
+    }
 
     std::lock_guard guard(lock_);
     serverTask_ = async::spawn(runServer(this, appVersion(environment_.bundle), automaticUpdates));

@@ -50,6 +50,8 @@ public:
     // could not run, which the process reports with a non-zero exit status.
     bool waitUntilStopped();
     bool serverFailed() const noexcept { return serverFailed_.load(); }
+    // True when Orvel already answered on the server's address at launch (a second launch).
+    bool anotherInstanceRunning() const noexcept { return anotherInstanceRunning_; }
 
 private:
     static async::Task<void> runServer(AppDelegate* self, std::optional<std::string> appVersion,
@@ -65,6 +67,7 @@ private:
     std::optional<StreamCount::Subscription> currentStreamCountSubscription_;
     std::optional<StreamCount::Subscription> streamCountLogSubscription_;
     std::atomic<bool> serverFailed_{false};
+    bool anotherInstanceRunning_ = false;  // main thread
 };
 
 }  // namespace orvel

@@ -72,5 +72,6 @@ int main(int argc, char** argv) {
     tray.setQuitHandler([&delegate] { delegate.applicationWillTerminate(); });
     tray.post([&delegate] { delegate.applicationDidFinishLaunching(); });
     tray.run();
-    return delegate.waitUntilStopped() ? 1 : 0;
+    // A second launch found Orvel running: that is success, not a failure to serve.
+    return delegate.waitUntilStopped() && !delegate.anotherInstanceRunning() ? 1 : 0;
 }

@@ -173,6 +173,18 @@ TEST_F(OrvelEndToEnd, WithoutASoundServerTheCaptureFailureIsLoggedAndTheServerGo
     EXPECT_TRUE(ranTerminationSteps(orvel->output()));
 }
 
+TEST_F(OrvelEndToEnd, ASecondLaunchSaysOrvelIsRunningAndEndsWithSuccess) {
+    auto first = start();
+    test::TemporaryFolder otherConfig;
+    test::OrvelProcess second(test::OrvelProcess::mainBinary(), {{"XDG_CONFIG_HOME", otherConfig.path().string()}});
+    EXPECT_EQ(second.exitCode(), 0) << second.output();
+    const auto running = second.output().find("info: Orvel " ORVEL_BUILD_VERSION " is already running on 127.0.0.1:8505.\n");
+    EXPECT_NE(running, std::string::npos) << second.output();
+    EXPECT_LT(running, second.output().find("Address already in use")) << "said before the port-taken lines";
+    EXPECT_EQ(test::httpExchange(getVersion).statusLine, "HTTP/1.1 200 OK") << "the first one goes on";
+    EXPECT_EQ(first->terminate(), 0);
+}
+
 TEST_F(OrvelEndToEnd, ThePortTakenEndsOrvelWithTheErrorLineAndAFailureStatus) {
     test::Fd holder = test::bindOrvelPort();
     ASSERT_TRUE(holder) << std::strerror(errno);
@@ -182,6 +194,7 @@ TEST_F(OrvelEndToEnd, ThePortTakenEndsOrvelWithTheErrorLineAndAFailureStatus) {
     EXPECT_NE(status, 0);
     EXPECT_NE(status, -1) << "orvel did not end";
     EXPECT_THAT(orvel.output(), HasSubstr("error: Could not run WebSocket server SocketError. Bind(98): Address already in use, terminating application.\n"));
+    EXPECT_THAT(orvel.output(), Not(HasSubstr("already running")));
     EXPECT_TRUE(ranTerminationSteps(orvel.output()));
 }
 
