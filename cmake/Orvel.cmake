@@ -11,7 +11,8 @@ function(orvel_library folder)
         target_link_libraries(orvel_${folder} PUBLIC ${ARGN})
         target_compile_definitions(orvel_${folder} PRIVATE
             ORVEL_BUILD_VERSION="${ORVEL_BUILD_VERSION}"
-            ORVEL_AUTOMATIC_UPDATES=$<BOOL:${ORVEL_AUTOMATIC_UPDATES}>)
+            ORVEL_AUTOMATIC_UPDATES=$<BOOL:${ORVEL_AUTOMATIC_UPDATES}>
+            ORVEL_BUILD_FOLDER="${CMAKE_BINARY_DIR}")
     else()
         add_library(orvel_${folder} INTERFACE)
         target_include_directories(orvel_${folder} INTERFACE ${CMAKE_SOURCE_DIR}/src)

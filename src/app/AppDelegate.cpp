@@ -8,13 +8,29 @@
 #include "net/SocketAddress.h"
 
 #include <exception>
+#include <filesystem>
 #include <string>
 #include <utility>
 
 namespace orvel {
 
+namespace {
+
+// True when this executable lies in the folder it was built in.
+bool runsFromBuildFolder(const std::filesystem::path& executable) {
+    std::error_code error;
+    const auto folder = std::filesystem::weakly_canonical(ORVEL_BUILD_FOLDER, error);
+    if (error || executable.empty()) return false;
+    const auto relative = executable.lexically_relative(folder);
+    return !relative.empty() && *relative.begin() != "..";
+}
+
+}  // namespace
+
 AppDelegate::Environment AppDelegate::Environment::standard(std::function<void()> terminate) {
-    return {Bundle::mainBundle(), platform::XdgAutostart::mainAppService(), appLogger(), std::move(terminate)};
+    auto loginItem = platform::XdgAutostart::mainAppService();
+    const bool registers = !runsFromBuildFolder(loginItem.configuration().executable);
+    return {Bundle::mainBundle(), std::move(loginItem), appLogger(), std::move(terminate), registers};
 }
 
 AppDelegate::AppDelegate(Environment environment) : environment_(std::move(environment)) {}
@@ -33,7 +49,9 @@ void AppDelegate::applicationDidFinishLaunching() {
     logger->logInfo("Application launched.");
     const bool automaticUpdates = hasAutomaticUpdates(environment_.bundle);
 
-    if (environment_.loginItem.status() != platform::XdgAutostart::Status::enabled) {
+    if (!environment_.registersLoginItem) {
+        logger->logInfo("Running from its build folder, Orvel does not register itself as a login item.");
+    } else if (environment_.loginItem.status() != platform::XdgAutostart::Status::enabled) {
         logger->logInfo("Trying to register as login item.");
         try {
             environment_.loginItem.registerEntry();

@@ -32,8 +32,12 @@ public:
         // Asks the application to terminate, which ends in applicationWillTerminate on the main
         // thread. Any thread may call it.
         std::function<void()> terminate;
+        // False for a run from a build folder: a developer's build must not become the program
+        // their session starts at login.
+        bool registersLoginItem = true;
 
-        // The main bundle, this executable's login item and the application's log.
+        // The main bundle, this executable's login item (none from a build folder) and the
+        // application's log.
         static Environment standard(std::function<void()> terminate);
     };
 

@@ -198,18 +198,31 @@ TEST_F(OrvelEndToEnd, ThePortTakenEndsOrvelWithTheErrorLineAndAFailureStatus) {
     EXPECT_TRUE(ranTerminationSteps(orvel.output()));
 }
 
-TEST_F(OrvelEndToEnd, TheFirstLaunchRegistersTheLoginItemAndTheSecondLeavesItAlone) {
+// The executable copied out of the build folder, as an installed one would be.
+std::string installedCopy(const std::filesystem::path& folder) {
+    std::filesystem::create_directories(folder / "bin");
+    std::filesystem::copy_file(test::OrvelProcess::mainBinary(), folder / "bin" / "orvel");
+    return (folder / "bin" / "orvel").string();
+}
+
+TEST_F(OrvelEndToEnd, AnInstalledOrvelRegistersItsLoginItemOnceAndABuildFolderRunNever) {
     const auto entry = config_.path() / "config" / "autostart" / "com.tamrix.orvel.desktop";
-    auto first = start();
+    auto fromBuild = start();
+    EXPECT_EQ(fromBuild->terminate(), 0);
+    EXPECT_THAT(fromBuild->output(), HasSubstr("info: Running from its build folder, Orvel does not register itself as a login item.\n"));
+    EXPECT_FALSE(std::filesystem::exists(entry));
+
+    const auto installed = installedCopy(config_.path());
+    auto first = start({}, installed);
     EXPECT_EQ(first->terminate(), 0);
     EXPECT_THAT(first->output(), HasSubstr("info: No graphical session, running headless without a tray icon.\n"));
     EXPECT_THAT(first->output(), HasSubstr("info: Application launched.\norvel: [ApplicationCode] info: Trying to register as login item.\n"));
     EXPECT_THAT(first->output(), Not(HasSubstr("Failed to register")));
     std::stringstream contents;
     contents << std::ifstream(entry).rdbuf();
-    EXPECT_THAT(contents.str(), HasSubstr("Exec=\"" + std::filesystem::canonical(test::OrvelProcess::mainBinary()).string() + "\""));
+    EXPECT_THAT(contents.str(), HasSubstr("Exec=\"" + installed + "\""));
 
-    auto second = start({{"DISPLAY", ":65000"}});  // a display no server offers is headless too
+    auto second = start({{"DISPLAY", ":65000"}}, installed);  // a display no server offers is headless too
     EXPECT_EQ(second->terminate(), 0);
     EXPECT_THAT(second->output(), HasSubstr("info: No graphical session, running headless without a tray icon.\n"));
     EXPECT_THAT(second->output(), HasSubstr("Application launched."));
@@ -219,7 +232,7 @@ TEST_F(OrvelEndToEnd, TheFirstLaunchRegistersTheLoginItemAndTheSecondLeavesItAlo
 TEST_F(OrvelEndToEnd, AnUnwritableConfigFolderIsLoggedAndLaunchGoesOn) {
     // A file where the config folder should be: even root cannot create folders under it.
     std::ofstream(config_.path() / "file") << "not a folder";
-    auto orvel = start({{"XDG_CONFIG_HOME", (config_.path() / "file" / "config").string()}});
+    auto orvel = start({{"XDG_CONFIG_HOME", (config_.path() / "file" / "config").string()}}, installedCopy(config_.path()));
     EXPECT_EQ(test::httpExchange(getVersion).statusLine, "HTTP/1.1 200 OK");
     EXPECT_EQ(orvel->terminate(), 0);
     EXPECT_THAT(orvel->output(), HasSubstr("info: Trying to register as login item.\n"));
