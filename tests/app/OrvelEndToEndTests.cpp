@@ -84,25 +84,18 @@ TEST_F(OrvelEndToEnd, VersionRouteAnswersEachBuildsInfoDictionary) {
     }
 }
 
+// The route's own cases are unit-tested; here only that the binary wires them in order.
 TEST_F(OrvelEndToEnd, OtherRequestsMeetTheOriginTestThenTheHandshakeRules) {
     auto orvel = start();
     auto post = test::httpExchange("POST /version HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(post.statusLine, "HTTP/1.1 403 Forbidden");
-    EXPECT_EQ(post.body, "");
     EXPECT_TRUE(orvel->waitForLine("error: Origin header is not present, rejecting WebSocket connection."));
-    for (const std::string origin : {"http://localhost.evil.example", "https://localhost", "http://127.0.0.1:3000"}) {
-        EXPECT_EQ(test::WebSocketClient(origin).statusLine(), "HTTP/1.1 403 Forbidden") << origin;
-        EXPECT_TRUE(orvel->waitForLine("error: Origin " + origin + " is not allowed, rejecting WebSocket connection."));
-    }
-    EXPECT_EQ(test::WebSocketClient("").statusLine(), "HTTP/1.1 403 Forbidden");
-
-    const std::string upgrade = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n";
-    for (const std::string& request :
-         {std::string("POST /version HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: http://localhost:3000\r\nContent-Length: 0\r\n"
-                      "Connection: close\r\n\r\n"),
-          upgrade + "Origin: https://app.tamrix.com\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 8\r\n\r\n",
-          upgrade + "Origin: http://localhost\r\nSec-WebSocket-Key: short\r\nSec-WebSocket-Version: 13\r\n\r\n"})
-        EXPECT_EQ(test::httpExchange(request).statusLine, "HTTP/1.1 400 Bad Request") << request;
+    EXPECT_EQ(test::WebSocketClient("http://localhost.evil.example").statusLine(), "HTTP/1.1 403 Forbidden");
+    EXPECT_TRUE(orvel->waitForLine("error: Origin http://localhost.evil.example is not allowed, rejecting WebSocket connection."));
+    const std::string badVersion = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                                   "Origin: https://app.tamrix.com\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
+                                   "Sec-WebSocket-Version: 8\r\n\r\n";
+    EXPECT_EQ(test::httpExchange(badVersion).statusLine, "HTTP/1.1 400 Bad Request");
     test::WebSocketClient good("http://localhost");
     EXPECT_EQ(good.statusLine(), "HTTP/1.1 101 Switching Protocols");
     EXPECT_THAT(good.head(), HasSubstr("Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"));
