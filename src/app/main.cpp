@@ -4,6 +4,7 @@
 #include "app/AppLogger.h"
 #include "app/Bundle.h"
 #include "app/VersionRoute.h"
+#include "platform/PulseAudioCapture.h"
 #include "platform/TrayIcon.h"
 
 #include <cstdio>
@@ -67,5 +68,9 @@ int main(int argc, char** argv) {
     tray.setQuitHandler([&delegate] { delegate.applicationWillTerminate(); });
     tray.post([&delegate] { delegate.applicationDidFinishLaunching(); });
     tray.run();
-    return delegate.waitUntilStopped() ? 1 : 0;
+    const bool failed = delegate.waitUntilStopped();
+    // The server has stopped, so no capture starts any more; those still being freed must be gone
+    // before static destruction, for their libpulse threads call back into the application.
+    platform::PulseAudioCapture::waitForBackgroundShutdowns();
+    return failed ? 1 : 0;
 }

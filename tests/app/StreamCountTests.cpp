@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -72,6 +74,26 @@ TEST(StreamCountConcurrency, SimultaneousChangesAreNeitherLostNorSeenOutOfOrder)
     // Each published value differs from the one before by exactly one step.
     for (std::size_t i = 1; i < seen.size(); ++i) ASSERT_EQ(std::abs(seen[i] - seen[i - 1]), 1) << "at " << i;
     EXPECT_EQ(seen.back(), threads * changes);
+}
+
+TEST(StreamCountConcurrency, TheProcessCountOutlivesExitForAStreamStillEnding) {
+    // A stream on a pool thread counts itself out while the process exits; with a count that
+    // static destruction frees, AddressSanitizer reports the use after free and the exit fails.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            static std::atomic<bool> running{false};
+            std::thread([] {
+                for (;;) {
+                    currentStreamCount().increment();
+                    currentStreamCount().decrement();
+                    running = true;
+                }
+            }).detach();
+            while (!running) std::this_thread::yield();
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
