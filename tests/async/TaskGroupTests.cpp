@@ -137,21 +137,23 @@ TEST(TaskGroups, ADiscardingGroupRunsEveryChildAndEndsEmpty) {
 }
 
 TEST(TaskGroups, EveryChildAddedAroundAConcurrentCancelAllIsCancelled) {
-    // Each round adds children while another thread cancels the group: the cancellation must
+    // Each round two threads add children while a third cancels the group: the cancellation must
     // reach every child, whether cancelAll() saw it or it saw cancelAll().
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 1000; ++round) {
         HeldExecutor held;
         TaskGroup<bool> group;
-        std::atomic<bool> go{false};
-        std::thread canceller([&] {
-            while (!go.load()) std::this_thread::yield();
-            group.cancelAll();
-        });
-        for (int i = 0; i < 100; ++i) {
-            if (i == 10) go.store(true);
-            group.add(seesCancellation(), &held);
-        }
-        canceller.join();
+        std::atomic<int> ready{0};
+        const auto add = [&] {
+            ready.fetch_add(1);
+            while (ready.load() < 3) std::this_thread::yield();
+            for (int i = 0; i < 50; ++i) group.add(seesCancellation(), &held);
+        };
+        std::thread first(add), second(add);
+        ready.fetch_add(1);
+        while (ready.load() < 3) std::this_thread::yield();
+        group.cancelAll();
+        first.join();
+        second.join();
         held.runAll();
         ASSERT_EQ(syncWait(uncancelledChildren(&group)), 0) << "round " << round;
     }
