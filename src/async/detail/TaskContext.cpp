@@ -77,7 +77,13 @@ void TaskContext::cancel() noexcept {
     nextToCancel_ = firstChild_;
     while (TaskContext* child = nextToCancel_) {
         nextToCancel_ = child->nextSibling_;
-        child->retain();
+        // A child whose last reference is gone is being destroyed: it waits for our lock to
+        // unlist itself and needs no cancelling (taking a reference now would free it twice).
+        int references = child->references_.load(std::memory_order_relaxed);
+        while (references > 0 &&
+               !child->references_.compare_exchange_weak(references, references + 1, std::memory_order_relaxed)) {
+        }
+        if (references == 0) continue;
         lock.unlock();
         child->cancel();
         child->release();
