@@ -69,8 +69,10 @@ StreamCount::Subscription StreamCount::subscribe(Subscriber subscriber) {
 }
 
 StreamCount& currentStreamCount() {
-    static StreamCount count;
-    return count;
+    // Never destroyed: a stream still winding down on a pool thread while the process exits may
+    // change the count after static destructors have run.
+    static StreamCount* const count = new StreamCount;
+    return *count;
 }
 
 }  // namespace orvel

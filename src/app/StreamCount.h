@@ -56,7 +56,8 @@ private:
     std::shared_ptr<Subscription::State> state_;
 };
 
-// The process-wide number of connections that are streaming, starting at 0 and never reset.
+// The process-wide number of connections that are streaming, starting at 0 and never reset. It
+// outlives static destruction, so a stream that ends during exit can still count itself out.
 StreamCount& currentStreamCount();
 
 }  // namespace orvel

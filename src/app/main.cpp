@@ -5,6 +5,7 @@
 #include "app/Bundle.h"
 #include "app/StreamCount.h"
 #include "app/VersionRoute.h"
+#include "platform/PulseAudioCapture.h"
 #include "platform/TrayIcon.h"
 
 #include <cstdio>
@@ -72,6 +73,10 @@ int main(int argc, char** argv) {
     tray.setQuitHandler([&delegate] { delegate.applicationWillTerminate(); });
     tray.post([&delegate] { delegate.applicationDidFinishLaunching(); });
     tray.run();
+    const bool failed = delegate.waitUntilStopped();
+    // The server has stopped, so no capture starts any more; those still being freed must be gone
+    // before static destruction, for their libpulse threads call back into the application.
+    platform::PulseAudioCapture::waitForBackgroundShutdowns();
     // A second launch found Orvel running: that is success, not a failure to serve.
-    return delegate.waitUntilStopped() && !delegate.anotherInstanceRunning() ? 1 : 0;
+    return failed && !delegate.anotherInstanceRunning() ? 1 : 0;
 }

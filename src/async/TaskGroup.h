@@ -48,11 +48,14 @@ public:
         if (waiter) waiter->notify();
     }
 
-    void started(TaskContext* child) {
+    // True when the group was cancelled: the caller cancels the child. Checking under the lock
+    // that cancelAll() takes means each child is cancelled by one of the two, never by neither.
+    bool started(TaskContext* child) {
         std::lock_guard lock(mutex_);
         ++pending_;
         child->retain();
         children_.emplace(child, ContextRef(child));
+        return cancelled_;
     }
 
     // False when a result is ready or nothing is pending (the waiter is not kept).
@@ -86,11 +89,6 @@ public:
             for (auto& [context, reference] : children_) children.push_back(reference);
         }
         for (auto& child : children) child->cancel();
-    }
-
-    bool isCancelled() {
-        std::lock_guard lock(mutex_);
-        return cancelled_;
     }
 
     bool isEmpty() {
@@ -136,8 +134,7 @@ public:
     void add(Task<T> task, Executor* executor = nullptr) {
         if (!executor) executor = currentExecutor() ? currentExecutor() : &defaultExecutor();
         detail::ContextRef context(new detail::TaskContext(parent_, parent_ ? parent_->locals : nullptr));
-        if (state_->isCancelled()) context->cancel();
-        state_->started(context.get());
+        if (state_->started(context.get())) context->cancel();
         state_->retain();
         auto root = detail::runRoot(std::move(task), state_, std::move(context));
         executor->schedule(root.handle);

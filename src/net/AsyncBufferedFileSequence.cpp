@@ -17,6 +17,13 @@ AsyncBufferedFileSequence::FileError::FileError(std::string operation, int errno
       operation_(std::move(operation)),
       errnoValue_(errnoValue) {}
 
+AsyncBufferedFileSequence::FileError::FileError(std::string text, std::string operation)
+    : Error(std::move(text)), operation_(std::move(operation)), errnoValue_(0) {}
+
+AsyncBufferedFileSequence::FileError AsyncBufferedFileSequence::FileError::notRegular(const std::filesystem::path& path) {
+    return FileError("FileError. Open: Not a regular file (" + path.string() + ")", "Open");
+}
+
 std::int64_t AsyncBufferedFileSequence::fileSize(const std::filesystem::path& url) {
     struct stat attributes {};
     if (::stat(url.c_str(), &attributes) != 0) throw FileError("Stat", errno, url);
@@ -28,9 +35,16 @@ std::int64_t AsyncBufferedFileSequence::fileSize(const std::filesystem::path& ur
 std::size_t AsyncBufferedFileSequence::Iterator::read(Byte* into, std::size_t count) {
     if (isAtEnd_) return 0;
     if (!fileHandle_) {
-        const int fd = ::open(fileURL_.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) throw FileError("Open", errno, fileURL_);
-        fileHandle_ = OwnedDescriptor(fd);
+        // O_NONBLOCK: opening a FIFO without a writer would otherwise hold this pool thread until
+        // one comes. Only regular files are read (a FIFO, device or socket could block any read);
+        // O_NONBLOCK has no effect on them.
+        OwnedDescriptor file(::open(fileURL_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (!file) throw FileError("Open", errno, fileURL_);
+        struct stat attributes {};
+        if (::fstat(file.get(), &attributes) != 0) throw FileError("Stat", errno, fileURL_);
+        if (S_ISDIR(attributes.st_mode)) throw FileError("Open", EISDIR, fileURL_);
+        if (!S_ISREG(attributes.st_mode)) throw FileError::notRegular(fileURL_);
+        fileHandle_ = std::move(file);
     }
     ssize_t got;
     do {

@@ -11,9 +11,9 @@
 
 namespace orvel::net {
 
-// The bytes of a file as a buffered sequence. Every iterator opens the file afresh on its first
-// pull and reads it with read(2) on the calling thread (regular files do not park a task), so a
-// body made from a file can be sent any number of times.
+// The bytes of a regular file as a buffered sequence. Every iterator opens the file afresh on its
+// first pull and reads it with read(2) on the calling thread (regular files do not park a task),
+// so a body made from a file can be sent any number of times. Anything else is refused at open.
 class AsyncBufferedFileSequence {
 public:
     class Iterator;
@@ -41,14 +41,18 @@ public:
 };
 
 // A failed system call on a file: "FileError. Open(2): No such file or directory (/srv/a.txt)".
+// A FIFO, device or socket is refused when opened: "FileError. Open: Not a regular file (/srv/p)",
+// with errnoValue 0.
 class AsyncBufferedFileSequence::FileError final : public async::Error {
 public:
     FileError(std::string operation, int errnoValue, const std::filesystem::path& path);
+    static FileError notRegular(const std::filesystem::path& path);
 
     const std::string& operation() const noexcept { return operation_; }
     int errnoValue() const noexcept { return errnoValue_; }
 
 private:
+    FileError(std::string text, std::string operation);
     std::string operation_;
     int errnoValue_;
 };

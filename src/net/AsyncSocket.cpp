@@ -139,6 +139,11 @@ async::Task<AsyncSocket::Message> AsyncSocket::receive(std::size_t atMost) const
         const auto result = socket_.tryReceiveMessage(message, atMost);
         if (result.done())
             co_return message;
+        // recvmsg's 0 ends a stream, but on a datagram socket it is an empty datagram (a closed
+        // datagram peer never reads as 0), so it is a message. The type is asked only then.
+        if (result.status == Status::disconnected && result.errnoValue == 0 &&
+            socket_.getValue(socketTypeOption) == SOCK_DGRAM)
+            co_return message;
         if (!result.blocked())
             throw result.error("RecvMsg");
         co_await pool_->suspendSocket(socket_, Event::read);
@@ -217,13 +222,7 @@ async::Task<std::optional<AsyncSocket>> AsyncSocketSequence::next() {
 }
 
 async::Task<std::optional<AsyncSocket::Message>> AsyncSocketMessageSequence::next() {
-    try {
-        co_return co_await socket_.receive(maxMessageLength_);
-    } catch (const SocketError& error) {
-        if (error.kind() != SocketError::Kind::disconnected)
-            throw;
-    }
-    co_return std::nullopt;
+    co_return co_await socket_.receive(maxMessageLength_);
 }
 
 }  // namespace orvel::net

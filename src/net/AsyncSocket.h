@@ -135,7 +135,9 @@ private:
     AsyncSocket socket_;
 };
 
-// The datagrams of a socket, each at most `maxMessageLength` bytes; ends on disconnected.
+// The datagrams of a socket, each at most `maxMessageLength` bytes (an empty datagram is a
+// message too). It has no quiet end: like receive(), it raises the socket's error, disconnected
+// included, and the consumer decides what that means.
 class AsyncSocketMessageSequence {
 public:
     AsyncSocketMessageSequence(AsyncSocket socket, std::size_t maxMessageLength)

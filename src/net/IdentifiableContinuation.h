@@ -70,7 +70,14 @@ public:
             context_->add(node_);
         }
         Body body = std::move(body_);
-        body(IdentifiableContinuation<T>{id_, async::Continuation<T>(&core_)});
+        try {
+            body(IdentifiableContinuation<T>{id_, async::Continuation<T>(&core_)});
+        } catch (...) {
+            // The task resumes with the error at once and this awaiter goes: its node must not
+            // stay registered, or a later cancellation would run it in freed memory.
+            if (context_) context_->remove(node_);
+            throw;
+        }
         // Whichever of the body and the cancellation comes second calls onCancel: a cancellation
         // that arrived before the continuation was stored is delivered now, exactly once.
         bool wasCancelled;

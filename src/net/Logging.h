@@ -45,24 +45,34 @@ public:
 
     virtual ~Logging() = default;
 
+    // Never throw: a line that cannot be built or written is lost, and the caller, often a
+    // destructor or a cancellation path, goes on.
     template <class F>
-    void logDebug(F&& message) const { log(Level::debug, toMessage(message)); }
+    void logDebug(F&& message) const noexcept { write(Level::debug, toMessage(message)); }
     template <class F>
-    void logInfo(F&& message) const { log(Level::info, toMessage(message)); }
+    void logInfo(F&& message) const noexcept { write(Level::info, toMessage(message)); }
     template <class F>
-    void logWarning(F&& message) const { log(Level::warning, toMessage(message)); }
+    void logWarning(F&& message) const noexcept { write(Level::warning, toMessage(message)); }
     template <class F>
-    void logError(F&& message) const { log(Level::error, toMessage(message)); }
+    void logError(F&& message) const noexcept { write(Level::error, toMessage(message)); }
     template <class F>
-    void logCritical(F&& message) const { log(Level::critical, toMessage(message)); }
+    void logCritical(F&& message) const noexcept { write(Level::critical, toMessage(message)); }
 
-    // The back end: writes the message, or drops it without calling it.
+    // The back end: writes the message, or drops it without calling it. It may throw (the
+    // message function may); the front end above swallows it.
     virtual void log(Level level, const LogMessage& message) const = 0;
 
     // "debug", "info", "warning", "error", "critical".
     static std::string_view name(Level level) noexcept;
 
 private:
+    void write(Level level, const LogMessage& message) const noexcept {
+        try {
+            log(level, message);
+        } catch (...) {
+        }
+    }
+
     template <class F>
     static LogMessage toMessage(F& message) noexcept {
         if constexpr (std::is_convertible_v<F&, std::string_view> && !std::invocable<F&>)

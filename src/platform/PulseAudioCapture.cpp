@@ -2,12 +2,16 @@
 
 #include "platform/PulseAudioError.h"
 
+#include "async/Executor.h"
+
 #include <pulse/pulseaudio.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 #include <cstdint>
 #include <thread>
 #include <utility>
@@ -50,6 +54,33 @@ pa_sample_spec sampleFormatOf(const StreamConfiguration& configuration) {
     return {PA_SAMPLE_FLOAT32NE, static_cast<std::uint32_t>(configuration.sampleRate),
             static_cast<std::uint8_t>(configuration.channelCount)};
 }
+
+// Captures whose clean-up runs on a thread of its own, so that the end of the process can wait
+// for them. Never destroyed: such a clean-up may still be finishing during static destruction.
+class BackgroundShutdowns {
+public:
+    static BackgroundShutdowns& instance() {
+        static BackgroundShutdowns* const shutdowns = new BackgroundShutdowns;
+        return *shutdowns;
+    }
+    void begin() {
+        std::lock_guard lock(mutex_);
+        ++pending_;
+    }
+    void end() {
+        std::lock_guard lock(mutex_);
+        if (--pending_ == 0) none_.notify_all();
+    }
+    void waitUntilNone() {
+        std::unique_lock lock(mutex_);
+        none_.wait(lock, [this] { return pending_ == 0; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable none_;
+    std::size_t pending_ = 0;
+};
 
 }  // namespace
 
@@ -247,22 +278,34 @@ PulseAudioCapture::PulseAudioCapture(Options options, StreamConfiguration config
 }
 
 PulseAudioCapture::~PulseAudioCapture() {
-    if (core_->mainloop != nullptr && pa_threaded_mainloop_in_thread(core_->mainloop)) {
-        // Released from one of our own callbacks: the clean-up waits for the lock, so for that
-        // callback to return, and then joins the thread. Should no thread be available, the
-        // capture is disconnected but its objects are kept: ending the process from a destructor
-        // would be worse than that one leak.
-        try {
-            std::thread([core = core_] { core->shutdown(); }).detach();
-        } catch (const std::system_error&) {
-            core_->stopRequested.store(true, std::memory_order_release);
-            core_->wake.signal();
-            new std::shared_ptr<Core>(std::move(core_));
-        }
+    if (core_->mainloop == nullptr) return;  // never started: there is no thread
+    const bool onOwnThread = pa_threaded_mainloop_in_thread(core_->mainloop);
+    if (!onOwnThread && async::currentExecutor() == nullptr) {
+        core_->shutdown();
         return;
     }
-    core_->shutdown();
+    // A pool worker (often deep in cancellation handlers) must not wait for the libpulse thread,
+    // and one of our own callbacks cannot join its own thread. The libpulse thread disconnects at
+    // once; joining and freeing happen on a short-lived thread, which waits for the lock, so for
+    // any callback to return. Should no thread be available, the capture is disconnected but its
+    // objects are kept: ending the process from a destructor would be worse than that one leak.
+    core_->stopRequested.store(true, std::memory_order_release);
+    core_->wake.signal();
+    auto& shutdowns = BackgroundShutdowns::instance();
+    shutdowns.begin();
+    try {
+        std::thread([core = core_, &shutdowns]() mutable {
+            core->shutdown();
+            core.reset();
+            shutdowns.end();
+        }).detach();
+    } catch (const std::system_error&) {
+        shutdowns.end();
+        new std::shared_ptr<Core>(std::move(core_));
+    }
 }
+
+void PulseAudioCapture::waitForBackgroundShutdowns() { BackgroundShutdowns::instance().waitUntilNone(); }
 
 void PulseAudioCapture::addStreamOutput(std::shared_ptr<StreamOutput> output, StreamOutputType type) {
     if (core_->started) throw PulseAudioError::failed("AddStreamOutput", PA_ERR_BADSTATE);

@@ -26,10 +26,15 @@ public:
     };
 
     PulseAudioCapture(Options options, StreamConfiguration configuration, std::shared_ptr<StreamDelegate> delegate);
-    // Ends the connection and joins the libpulse thread. When the last owner lets go from inside
-    // one of this capture's own callbacks, that clean-up moves to a short-lived thread, since a
-    // thread cannot join itself.
+    // Ends the connection and joins the libpulse thread. Never blocks an executor's thread: on
+    // one (a pool worker, or a serial executor's job), or inside one of this capture's own
+    // callbacks, it only asks the libpulse thread to disconnect and leaves the join and the
+    // freeing to a short-lived thread.
     ~PulseAudioCapture() override;
+
+    // Blocks until every capture handed to a short-lived thread has been freed and its libpulse
+    // thread joined. For the end of the process, once nothing makes captures any more.
+    static void waitForBackgroundShutdowns();
 
     PulseAudioCapture(const PulseAudioCapture&) = delete;
     PulseAudioCapture& operator=(const PulseAudioCapture&) = delete;

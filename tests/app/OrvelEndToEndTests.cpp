@@ -154,6 +154,26 @@ TEST_F(OrvelEndToEnd, StreamsWhatIsPlayedToEachPageInHundredMillisecondMessages)
     EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
 }
 
+// Each round quits while pages stream. A few rounds keep the suite's time in bounds; run more by
+// hand with --gtest_repeat, under AddressSanitizer, where any leak or use after free fails the exit.
+constexpr int quitWhileStreamingRounds = 5;
+
+TEST_F(OrvelEndToEnd, QuittingWhileThreePagesStreamEndsCleanlyWithBothTerminationLines) {
+    test::PulseAudioServer pulse;
+    for (int round = 0; round < quitWhileStreamingRounds; ++round) {
+        auto orvel = start({{"PULSE_SERVER", pulse.server()}});
+        std::vector<test::WebSocketClient> pages;
+        for (const int rate : {48000, 16000, 48000}) {
+            pages.emplace_back("http://localhost");
+            pages.back().sendText(R"({"type": "loopback", "sample_rate": )" + std::to_string(rate) + "}");
+        }
+        ASSERT_TRUE(orvel->waitForLine("Streaming connections: 3.")) << orvel->output();
+        for (auto& page : pages) ASSERT_TRUE(page.receive()) << "round " << round << "\n" << orvel->output();
+        EXPECT_EQ(orvel->terminate(), 0) << "round " << round << "\n" << orvel->output();
+        EXPECT_TRUE(ranTerminationSteps(orvel->output())) << "round " << round;
+    }
+}
+
 TEST_F(OrvelEndToEnd, WithoutASoundServerTheCaptureFailureIsLoggedAndTheServerGoesOn) {
     auto orvel = start();
     test::WebSocketClient page("http://localhost");

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -72,6 +73,19 @@ TEST(StreamCountConcurrency, SimultaneousChangesAreNeitherLostNorSeenOutOfOrder)
     // Each published value differs from the one before by exactly one step.
     for (std::size_t i = 1; i < seen.size(); ++i) ASSERT_EQ(std::abs(seen[i] - seen[i - 1]), 1) << "at " << i;
     EXPECT_EQ(seen.back(), threads * changes);
+}
+
+TEST(StreamCountConcurrency, TheProcessCountOutlivesExitForAStreamStillEnding) {
+    // A stream that counts itself out after static destruction began: an exit handler registered
+    // before the count was first used runs after the count's own destructor would have.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            std::atexit([] { currentStreamCount().decrement(); });
+            currentStreamCount().increment();
+            std::exit(currentStreamCount().value() == 1 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 
 using namespace orvel::async;
@@ -38,6 +39,49 @@ Task<int> handlerRunsOnce(std::atomic<int>* runs, std::atomic<bool>* installed) 
     } catch (const CancellationError&) {
     }
     co_return runs->load();
+}
+
+Task<void> nothing() { co_return; }
+
+enum class Act { throws, addsToItsParentsGroup };
+
+// Each child has two handlers; the newer, which runs first, does `act`.
+Task<void> toldChild(Act act, std::atomic<int>* told, std::atomic<int>* started, TaskGroup<void>* parentGroup) {
+    CancellationHandler plain([told] { told->fetch_add(1); });
+    CancellationHandler acting([act, told, parentGroup] {
+        told->fetch_add(1);
+        if (act == Act::throws) throw std::runtime_error("handler failed");
+        parentGroup->add(nothing());  // takes the parent's lock
+    });
+    started->fetch_add(1);
+    co_await sleep(1h);
+}
+
+// Three told children; with dropGroup the group goes undrained once they run.
+Task<void> parentOfThree(Act act, bool dropGroup, std::atomic<int>* told, std::atomic<int>* started) {
+    TaskGroup<void> group;
+    for (int i = 0; i < 3; ++i) group.add(toldChild(act, told, started, &group));
+    if (dropGroup) {
+        while (started->load() < 3) co_await sleep(1ms);
+        co_return;
+    }
+    co_await group.waitForAll();
+}
+
+// The owner unregisters its handler while the handler is running on the cancelling thread.
+Task<void> handlerThenGone(std::atomic<bool>* registered, std::atomic<bool>* gone, std::atomic<bool>* ranLate) {
+    std::atomic<bool> entered{false};
+    {
+        CancellationHandler handler([&entered, gone, ranLate] {
+            entered.store(true);
+            for (int i = 0; i < 1000 && !gone->load(); ++i) std::this_thread::yield();
+            if (gone->load()) ranLate->store(true);
+        });
+        registered->store(true);
+        while (!entered.load()) std::this_thread::yield();
+    }
+    gone->store(true);
+    co_return;
 }
 
 }  // namespace
@@ -108,5 +152,41 @@ TEST(Cancellation, CancellationRacingCompletionNeverLosesOrDoublesAResumption) {
         if (round % 2) handle.cancel();
         EXPECT_EQ(handle.wait(), round);
         resumer.join();
+    }
+}
+
+TEST(Cancellation, EveryHandlerAndChildIsToldOnceWhateverAHandlerDoes) {
+    const struct {
+        const char* name;
+        Act act;
+        bool dropGroup;  // cancelled by ~TaskGroup rather than by cancelling the parent
+    } cases[] = {
+        {"a handler throws", Act::throws, false},
+        {"a handler adds a child to its parent's group", Act::addsToItsParentsGroup, false},
+        {"a handler throws inside ~TaskGroup", Act::throws, true},
+    };
+    for (const auto& c : cases) {
+        std::atomic<int> told{0}, started{0};
+        auto parent = spawn(parentOfThree(c.act, c.dropGroup, &told, &started));
+        while (started.load() < 3) std::this_thread::yield();
+        if (c.dropGroup) {
+            parent.wait();
+        } else {
+            parent.cancel();
+            parent.cancel();
+            EXPECT_THROW(parent.wait(), CancellationError) << c.name;
+        }
+        EXPECT_EQ(told.load(), 6) << c.name;
+    }
+}
+
+TEST(Cancellation, AHandlerNeverRunsAfterItsDestructorHasReturned) {
+    for (int round = 0; round < 100; ++round) {
+        std::atomic<bool> registered{false}, gone{false}, ranLate{false};
+        auto handle = spawn(handlerThenGone(&registered, &gone, &ranLate));
+        while (!registered.load()) std::this_thread::yield();
+        handle.cancel();
+        handle.wait();
+        ASSERT_FALSE(ranLate.load()) << "round " << round;
     }
 }

@@ -4,6 +4,8 @@
 
 #include <array>
 #include <atomic>
+#include <coroutine>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -94,6 +96,30 @@ Task<int> discardingGroupKeepsNothing(std::atomic<int>* ran) {
     co_return group.isEmpty() ? 1 : 0;
 }
 
+// Keeps what is scheduled until runAll(), so children are added and cancelled before any runs.
+struct HeldExecutor final : Executor {
+    std::mutex mutex;
+    std::vector<std::coroutine_handle<>> held;
+    void schedule(std::coroutine_handle<> coroutine) override {
+        std::lock_guard lock(mutex);
+        held.push_back(coroutine);
+    }
+    void runAll() {
+        for (auto coroutine : std::exchange(held, {})) {
+            coroutine.resume();
+            detail::setCurrentContext(nullptr);  // as a pool worker does after each job
+        }
+    }
+};
+
+Task<bool> seesCancellation() { co_return isCancelled(); }
+
+Task<int> uncancelledChildren(TaskGroup<bool>* group) {
+    int count = 0;
+    while (auto cancelled = co_await group->next()) count += *cancelled ? 0 : 1;
+    co_return count;
+}
+
 }  // namespace
 
 TEST(TaskGroups, ReturnResultsInTheOrderChildrenFinish) {
@@ -108,4 +134,27 @@ TEST(TaskGroups, ADiscardingGroupRunsEveryChildAndEndsEmpty) {
     std::atomic<int> ran{0};
     EXPECT_EQ(syncWait(discardingGroupKeepsNothing(&ran)), 1);
     EXPECT_EQ(ran.load(), 2000);
+}
+
+TEST(TaskGroups, EveryChildAddedAroundAConcurrentCancelAllIsCancelled) {
+    // Each round two threads add children while a third cancels the group: the cancellation must
+    // reach every child, whether cancelAll() saw it or it saw cancelAll().
+    for (int round = 0; round < 1000; ++round) {
+        HeldExecutor held;
+        TaskGroup<bool> group;
+        std::atomic<int> ready{0};
+        const auto add = [&] {
+            ready.fetch_add(1);
+            while (ready.load() < 3) std::this_thread::yield();
+            for (int i = 0; i < 50; ++i) group.add(seesCancellation(), &held);
+        };
+        std::thread first(add), second(add);
+        ready.fetch_add(1);
+        while (ready.load() < 3) std::this_thread::yield();
+        group.cancelAll();
+        first.join();
+        second.join();
+        held.runAll();
+        ASSERT_EQ(syncWait(uncancelledChildren(&group)), 0) << "round " << round;
+    }
 }

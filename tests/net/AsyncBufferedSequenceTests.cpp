@@ -6,13 +6,19 @@
 #include "async/Async.h"
 #include "net/FdLeakCheck.h"
 
+#include "net/OwnedDescriptor.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -139,7 +145,7 @@ TEST_F(FileSequence, OpensTheFileOnTheFirstPullNotBefore) {
     EXPECT_EQ(async::syncWait(collect(iterator, 16)), pattern(3));
 }
 
-TEST_F(FileSequence, AMissingFileOrADirectoryRaisesTheSystemErrorWithItsPath) {
+TEST_F(FileSequence, AMissingFileADirectoryOrAFIFORaisesAClearErrorWithItsPath) {
     const auto path = directory / "missing.txt";
     auto missing = File(path).makeIterator();
     EXPECT_THAT([&] { async::syncWait(missing.nextBuffer(16)); },
@@ -149,7 +155,19 @@ TEST_F(FileSequence, AMissingFileOrADirectoryRaisesTheSystemErrorWithItsPath) {
     EXPECT_THAT([&] { File::fileSize(directory); }, ThrowsMessage<File::FileSizeError>(StrEq("File size not found")));
     auto folder = File(directory).makeIterator();
     EXPECT_THAT([&] { async::syncWait(folder.nextBuffer(16)); },
-                ThrowsMessage<File::FileError>(StrEq("FileError. Read(21): Is a directory (" + directory.string() + ")")));
+                ThrowsMessage<File::FileError>(StrEq("FileError. Open(21): Is a directory (" + directory.string() + ")")));
+
+    // A FIFO without a writer: the open must neither wait (holding a pool thread) nor read it.
+    const auto fifo = directory / "pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    auto pipe = File(fifo).makeIterator();
+    auto pull = std::async(std::launch::async, [&] { async::syncWait(pipe.nextBuffer(16)); });
+    if (pull.wait_for(std::chrono::seconds(60)) == std::future_status::timeout) {
+        net::OwnedDescriptor writer(::open(fifo.c_str(), O_WRONLY | O_CLOEXEC));  // frees the waiting open
+        ADD_FAILURE() << "opening a FIFO waited for a writer";
+    }
+    EXPECT_THAT([&] { pull.get(); },
+                ThrowsMessage<File::FileError>(StrEq("FileError. Open: Not a regular file (" + fifo.string() + ")")));
 }
 
 TEST_F(FileSequence, FileSizeIsTheByteCountOfARegularFileFollowingLinks) {

@@ -229,9 +229,11 @@ TEST_F(AsyncSocketConnecting, MakingASocketSetsExactlyNonBlocking) {
 
 namespace {
 async::Task<Bytes> receiveOne(AsyncSocket socket) { co_return (co_await socket.receive(100)).bytes; }
-async::Task<Bytes> nextMessage(AsyncSocket socket) {
+async::Task<std::vector<Bytes>> nextMessages(AsyncSocket socket, int count) {
     auto messages = socket.messages();
-    co_return (co_await messages.next())->bytes;
+    std::vector<Bytes> received;
+    for (int i = 0; i < count; ++i) received.push_back((co_await messages.next()).value().bytes);
+    co_return received;
 }
 async::Task<void> send(AsyncSocket socket, std::string_view text) {
     AsyncSocket::Message message;
@@ -240,15 +242,21 @@ async::Task<void> send(AsyncSocket socket, std::string_view text) {
 }
 }  // namespace
 
-TEST_F(AsyncSocketConnecting, DatagramReceiversWaitForTheNextMessage) {
+TEST_F(AsyncSocketConnecting, DatagramReceiversWaitForTheNextMessageEmptyOnesIncludedUntilTheSocketFails) {
     auto [a, b] = AsyncSocket::makePair(pool, SocketType::datagram);
-    Closing ca(a), cb(b);
+    Closing cb(b);
     auto received = async::spawn(receiveOne(a));
     ASSERT_TRUE(parked(1));
     async::syncWait(send(b, "late"));
     EXPECT_EQ(received.wait(), bytes("late"));
-    auto next = async::spawn(nextMessage(a));
+    async::syncWait(send(b, ""));
+    auto next = async::spawn(nextMessages(a, 2));
     ASSERT_TRUE(parked(1));
     async::syncWait(send(b, "later"));
-    EXPECT_EQ(next.wait(), bytes("later"));
+    EXPECT_EQ(next.wait(), (std::vector<Bytes>{bytes(""), bytes("later")}));
+    // No quiet end: the sequence raises what receive() raises.
+    auto last = async::spawn(nextMessages(a, 1));
+    ASSERT_TRUE(parked(1));
+    a.close();
+    EXPECT_THROW(last.wait(), SocketError);
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <unordered_map>
 
@@ -55,6 +56,12 @@ async::Task<int> wait(Waiters* waiters) {
         [waiters](net::ContinuationID id) { waiters->cancel(id); });
 }
 
+async::Task<int> refusedWait(Waiters* waiters) {
+    co_return co_await net::withIdentifiableContinuation<int>(
+        [](net::IdentifiableContinuation<int>) { throw std::runtime_error("no room for a waiter"); },
+        [waiters](net::ContinuationID id) { waiters->cancel(id); });
+}
+
 }  // namespace
 
 TEST(IdentifiableContinuations, ACancellationBeforeTheBodyIsDeliveredOnceAfterIt) {
@@ -90,4 +97,24 @@ TEST(IdentifiableContinuations, CancellationRacingResumptionEndsEachWaitExactlyO
         EXPECT_LE(waiters.cancelCalls.load(), 1);
         EXPECT_FALSE(waiters.cancelBeforeBody.load());
     }
+}
+
+TEST(IdentifiableContinuations, ABodyThatThrowsLeavesNoCancellationHandlerBehind) {
+    // The awaiter's frame is gone once the error is caught; a later cancel must not reach it
+    // (AddressSanitizer reports the use after free).
+    Waiters waiters;
+    std::atomic<bool> refused{false};
+    auto handle = async::spawn([](Waiters* waiters, std::atomic<bool>* refused) -> async::Task<int> {
+        try {
+            co_await refusedWait(waiters);
+        } catch (const std::runtime_error&) {
+            refused->store(true);
+        }
+        co_await async::sleep(1h);
+        co_return 0;
+    }(&waiters, &refused));
+    while (!refused.load()) std::this_thread::yield();
+    handle.cancel();
+    EXPECT_THROW(handle.wait(), async::CancellationError);
+    EXPECT_EQ(waiters.cancelCalls.load(), 0);
 }

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
+#include <stdexcept>
 #include <string>
 
 using namespace orvel::net;
@@ -76,4 +78,23 @@ TEST(Loggers, DroppedLevelsAreNeverBuilt) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(buildsAtEveryLevel(byDefault), 4);  // debug is off
     testing::internal::GetCapturedStderr();
+}
+
+namespace {
+struct FailingLogger final : Logging {
+    void log(Level, const LogMessage&) const override { throw std::runtime_error("journal full"); }
+};
+}  // namespace
+
+TEST(Loggers, AFailingMessageOrBackEndNeverReachesTheCaller) {
+    const auto throwingMessage = []() -> std::string { throw std::bad_alloc(); };
+    const JournalLogger journal("C", {.journalSocket = "/nonexistent"});
+    const PrintLogger print("C");
+    const FailingLogger failing;
+    for (const Logging* logger : {static_cast<const Logging*>(&journal), static_cast<const Logging*>(&print)}) {
+        EXPECT_NO_THROW(logger->logError(throwingMessage));
+        EXPECT_NO_THROW(logger->logInfo(throwingMessage));
+    }
+    EXPECT_NO_THROW(failing.logWarning("a line"));
+    EXPECT_NO_THROW(failing.logCritical(throwingMessage));
 }

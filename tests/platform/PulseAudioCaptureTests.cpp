@@ -1,5 +1,6 @@
 #include "platform/PulseAudioCapture.h"
 
+#include "async/Async.h"
 #include "net/FdLeakCheck.h"
 #include "platform/PulseAudioFixture.h"
 
@@ -126,6 +127,32 @@ TEST_F(PulseAudioCaptureWithServer, CanBeReleasedFromItsOwnCallback) {
     };
     ASSERT_EQ(start(*capture), "no error");
     ASSERT_EQ(released.get_future().wait_for(20s), std::future_status::ready);
+}
+
+async::Task<void> release(std::unique_ptr<PulseAudioCapture>* capture) {
+    capture->reset();
+    co_return;
+}
+
+TEST_F(PulseAudioCaptureWithServer, ReleasedOnAPoolWorkerItNeverWaitsForTheLibpulseThread) {
+    auto recorder = std::make_shared<Recorder>();
+    auto capture = makeCapture(server_->server(), 48000, recorder);
+    std::promise<void> entered, open;
+    auto gate = open.get_future().share();
+    std::atomic<bool> held{false};
+    recorder->onBuffer = [&entered, gate, &held] {
+        if (held.exchange(true)) return;
+        entered.set_value();
+        gate.wait();  // the libpulse thread is busy in a callback, holding its loop's lock
+    };
+    ASSERT_EQ(start(*capture), "no error");
+    entered.get_future().wait();
+    auto releasing = async::spawn(release(&capture));
+    const bool returned = test::waitUntil([&] { return releasing.isFinished(); }, 20s);
+    open.set_value();
+    releasing.wait();
+    EXPECT_TRUE(returned) << "the pool worker waited for the libpulse thread";
+    PulseAudioCapture::waitForBackgroundShutdowns();
 }
 
 TEST(PulseAudioCaptureServerLoss, EndsTheCaptureWithTheServersError) {

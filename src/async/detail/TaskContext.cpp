@@ -40,19 +40,55 @@ void TaskContext::addChild(TaskContext* child) {
 
 void TaskContext::removeChild(TaskContext* child) {
     std::lock_guard lock(mutex_);
+    if (nextToCancel_ == child) nextToCancel_ = child->nextSibling_;
     if (child->previousSibling_) child->previousSibling_->nextSibling_ = child->nextSibling_;
     else firstChild_ = child->nextSibling_;
     if (child->nextSibling_) child->nextSibling_->previousSibling_ = child->previousSibling_;
     child->previousSibling_ = child->nextSibling_ = nullptr;
 }
 
-void TaskContext::cancel() {
+// Lock order: a context's mutex is a leaf. cancel() takes one handler or one child at a time
+// under it and lets go before running the handler or cancelling the child, so no lock of this
+// task or of an ancestor is held while foreign code runs: a handler may touch any task (add a
+// child to its parent's group, cancel an ancestor, unregister itself) without deadlocking. What
+// the lock used to give, that a handler never runs after remove() has returned, comes from
+// running_: remove() of a handler that is running on another thread waits for it.
+void TaskContext::cancel() noexcept {
     if (cancelled_.exchange(true, std::memory_order_acq_rel)) return;
-    // Handlers run under the lock so that remove() cannot return while one is running: a handler
-    // never runs after its owner has unregistered it. Lock order is always parent before child.
-    std::lock_guard lock(mutex_);
-    for (CancellationNode* node = handlers_; node; node = node->next) node->run(node);
-    for (TaskContext* child = firstChild_; child; child = child->nextSibling_) child->cancel();
+    std::unique_lock lock(mutex_);
+    // Handlers registered from now on run at once in add(), so the list only shrinks.
+    while (CancellationNode* node = handlers_) {
+        handlers_ = node->next;
+        if (handlers_) handlers_->previous = nullptr;
+        node->linked = false;
+        running_ = node;
+        runningOn_ = std::this_thread::get_id();
+        lock.unlock();
+        try {
+            node->run(node);
+        } catch (...) {
+        }
+        lock.lock();
+        running_ = nullptr;
+        handlerDone_.notify_all();
+    }
+    // Children made from now on start cancelled. One that finishes meanwhile moves the cursor on
+    // (removeChild), and the one being cancelled is kept alive by its reference.
+    nextToCancel_ = firstChild_;
+    while (TaskContext* child = nextToCancel_) {
+        nextToCancel_ = child->nextSibling_;
+        // A child whose last reference is gone is being destroyed: it waits for our lock to
+        // unlist itself and needs no cancelling (taking a reference now would free it twice).
+        int references = child->references_.load(std::memory_order_relaxed);
+        while (references > 0 &&
+               !child->references_.compare_exchange_weak(references, references + 1, std::memory_order_relaxed)) {
+        }
+        if (references == 0) continue;
+        lock.unlock();
+        child->cancel();
+        child->release();
+        lock.lock();
+    }
 }
 
 void TaskContext::add(CancellationNode& node) {
@@ -70,13 +106,18 @@ void TaskContext::add(CancellationNode& node) {
     node.run(&node);
 }
 
-void TaskContext::remove(CancellationNode& node) {
-    std::lock_guard lock(mutex_);
-    if (!node.linked) return;
-    if (node.previous) node.previous->next = node.next;
-    else handlers_ = node.next;
-    if (node.next) node.next->previous = node.previous;
-    node.linked = false;
+void TaskContext::remove(CancellationNode& node) noexcept {
+    std::unique_lock lock(mutex_);
+    if (node.linked) {
+        if (node.previous) node.previous->next = node.next;
+        else handlers_ = node.next;
+        if (node.next) node.next->previous = node.previous;
+        node.linked = false;
+        return;
+    }
+    // A handler that unregisters itself from inside its own run must not wait for itself.
+    if (running_ == &node && runningOn_ != std::this_thread::get_id())
+        handlerDone_.wait(lock, [&] { return running_ != &node; });
 }
 
 }  // namespace orvel::async::detail

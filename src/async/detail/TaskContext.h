@@ -1,7 +1,9 @@
 #pragma once
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace orvel::async::detail {
@@ -38,13 +40,15 @@ public:
     }
 
     bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_acquire); }
-    // Sets the flag, runs every registered handler once and cancels the children.
-    void cancel();
+    // Sets the flag, runs every registered handler once and cancels every child once, whatever a
+    // handler does: one that throws has still been told (its error is dropped, the canceller is
+    // not its owner), and the rest are told after it. Only the first call does anything.
+    void cancel() noexcept;
 
     // Registers node; when the task is already cancelled the handler runs at once instead.
     void add(CancellationNode& node);
     // Unregisters node; waits for it when its handler is running on another thread.
-    void remove(CancellationNode& node);
+    void remove(CancellationNode& node) noexcept;
 
     // Called by the child's task when it finishes.
     void detachFromParent();
@@ -58,8 +62,14 @@ private:
 
     std::atomic<int> references_{1};
     std::atomic<bool> cancelled_{false};
-    std::mutex mutex_;  // guards handlers_, children_ and sibling links; handlers run under it
+    // Guards the handler list, the running handler, the children and their sibling links. It is
+    // never held while a handler runs or a child is cancelled (see cancel()).
+    std::mutex mutex_;
+    std::condition_variable handlerDone_;
     CancellationNode* handlers_ = nullptr;
+    CancellationNode* running_ = nullptr;  // the handler cancel() runs now, and on which thread
+    std::thread::id runningOn_;
+    TaskContext* nextToCancel_ = nullptr;  // cancel()'s place among the children
     TaskContext* parent_;
     TaskContext* firstChild_ = nullptr;
     TaskContext* nextSibling_ = nullptr;
