@@ -96,6 +96,24 @@ TEST(HTTPRequestDecoding, SplitsTheRequestLineAtBlanksAndReadsHeaderLinesLenient
     EXPECT_EQ(failure({"GET / HTTP/1.1\r\nX: \xc3\x28\r\n\r\n"}), "Invalid String Conversion");
 }
 
+TEST(HTTPRequestDecoding, DecodesThePathBeforeRemovingDotSegmentsAndRefusesControlBytes) {
+    const std::pair<const char*, const char*> paths[] = {
+        {"http://h:8/x/./y/", "/x/y/"}, {"/", "/"}, {"/a/..", "/"}, {"/a/.", "/a/"},
+        {"/%FF", ""}, {"/x%2", ""},  // not UTF-8 once decoded; not a reference
+        {"/a/..%2F..%2Fetc", "/etc"}, {"/%2e%2e/%2E%2E/etc/passwd", "/etc/passwd"}, {"/..%2f", "/"},
+        {"/a/%2e%2e%2f%2e%2e%2f%2e%2e%2fb", "/b"},
+        {"/a%00b", nullptr}, {"/a%0d%0aSet-Cookie:%20x", nullptr}, {"/%0A", nullptr},
+    };
+    for (const auto& [target, expected] : paths) {
+        const std::string input = "GET " + std::string(target) + " HTTP/1.1\r\n\r\n";
+        if (expected) {
+            EXPECT_EQ(decodeOne({input}).path, expected) << target;
+        } else {
+            EXPECT_EQ(failure({input}), "Invalid Path") << target;
+        }
+    }
+}
+
 TEST(HTTPRequestDecoding, RefusesLinesAndHeaderBlocksPastTheLimits) {
     const std::string target = "/" + std::string(HTTPDecoder::maxLineBytes - std::string("GET / HTTP/1.1").size(), 'a');
     const std::string longest = "GET " + target + " HTTP/1.1";

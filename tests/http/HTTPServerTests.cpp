@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 #include <string>
 #include <thread>
 
@@ -203,6 +204,7 @@ TEST_F(HTTPServerTest, ClosesWithoutAResponseOnAMalformedOrOverLongRequest) {
         {"GET /" + std::string(HTTPDecoder::maxLineBytes, 'a') + " HTTP/1.1\r\n\r\n", "Line Too Long"},
         {"GET /version HTTP/1.1\r\nX: " + std::string(HTTPDecoder::maxLineBytes, 'v') + "\r\n\r\n", "Line Too Long"},
         {"GET /version HTTP/1.1\r\n" + headers + "X-last: v\r\n\r\n", "Too Many Header Lines"},
+        {"GET /version%0d%0aX:%20y HTTP/1.1\r\n\r\n", "Invalid Path"},
     };
     for (const auto& [request, error] : cases) {
         LoopbackClient client(port);
@@ -210,6 +212,70 @@ TEST_F(HTTPServerTest, ClosesWithoutAResponseOnAMalformedOrOverLongRequest) {
         EXPECT_TRUE(client.closedWithNothingMore()) << error;
         EXPECT_EQ(logger->waitFor(error), "error: <127.0.0.1> error: " + error);
     }
+}
+
+TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimitButNotABodyThatKeepsComing) {
+    HTTPServer::Configuration config = server->config();
+    config.requestHeadTimeout = 0.4;
+    config.keepAliveTimeout = 0.3;
+    config.bodyTimeout = 0.6;
+    server = std::make_unique<HTTPServer>(config);
+    server->appendRoute("GET /version", [](HTTPRequest) -> async::Task<HTTPResponse> {
+        co_return HTTPResponse(HTTPStatusCode::ok, {}, "412");
+    });
+    server->appendRoute("POST /echo", [](HTTPRequest request) -> async::Task<HTTPResponse> {
+        auto body = co_await request.bodyData();
+        co_return HTTPResponse(HTTPStatusCode::ok, {}, std::string(body.begin(), body.end()));
+    });
+    start();
+    // What the peer sends, and how often it then sends one more byte (0: never).
+    const std::string body = "POST /echo HTTP/1.1\r\nContent-Length: 1000\r\n\r\n";  // read before the handler runs
+    const std::tuple<std::string, std::string, std::chrono::milliseconds, std::string> stalls[] = {
+        {"nothing", "", 0ms, "0.4"},
+        {"a trickled head", "GET /version HTTP/1.1\r\nX: ", 20ms, "0.4"},
+        {"a stalled body", body + "abc", 0ms, "0.6"},
+        {"a silent kept-alive connection", "GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n", 0ms, "0.3"},
+    };
+    for (const auto& [name, sent, every, limit] : stalls) {
+        LoopbackClient client(port);
+        client.send(sent);
+        if (sent.find("keep-alive") != std::string::npos) EXPECT_THAT(client.response(), HasSubstr("412"));
+        // A trickle never stops by itself: the server's close ends the loop (the guard, a hang).
+        auto guard = std::chrono::steady_clock::now() + hangGuard;
+        while (every.count() > 0 && client.sendOne('v') && std::chrono::steady_clock::now() < guard) std::this_thread::sleep_for(every);
+        EXPECT_TRUE(client.closedWithNothingMore()) << name;
+        logger->waitFor("Timeout: " + limit + " seconds.");
+    }
+    EXPECT_THAT(logger->waitFor("Timeout: 0.4"), "error: <127.0.0.1> error: Task timed out before completion. Timeout: 0.4 seconds.");
+
+    // Eight bytes every 10 ms: the whole body takes twice the limit, no gap comes near it.
+    LoopbackClient client(port);
+    client.send(body);
+    for (int i = 0; i < 1000; i += 8) {
+        client.send(std::string_view("abcdefgh", std::min(8, 1000 - i)));
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_THAT(client.response(), HasSubstr("200 OK"));
+}
+
+// Each would add a header line of the peer's choosing, or cut the header block short.
+const HTTPHeaders::Field unwritableHeaders[] = {{"X", "a\r\nSet-Cookie: b"}, {"X\nY", "a"}, {"X", std::string_view("a\0b", 3)}};
+
+async::Task<HTTPResponse> respondWithUnwritableHeader(HTTPRequest request) {
+    const HTTPHeaders::Field& field = unwritableHeaders[request.path.back() - '0'];
+    co_return HTTPResponse(HTTPStatusCode::ok, HTTPHeaders{{field.name, field.value}}, "412");
+}
+
+TEST_F(HTTPServerTest, AnswersAResponseHeaderWithALineBreakOrNulWith500AndWritesNoneOfIt) {
+    server->appendRoute("GET /inject/:n", respondWithUnwritableHeader);
+    start();
+    for (std::size_t i = 0; i < std::size(unwritableHeaders); ++i) {
+        LoopbackClient client(port);
+        client.send("GET /inject/" + std::to_string(i) + " HTTP/1.1\r\n\r\n");
+        EXPECT_EQ(client.response(), "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n") << i;
+        EXPECT_TRUE(client.closedWithNothingMore());
+    }
+    EXPECT_EQ(logger->waitFor("handler error: "), "error: handler error: Invalid Header Field");
 }
 
 }  // namespace
