@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    raiseDescriptorLimit(appLogger());
     platform::TrayIcon::Configuration trayConfiguration;
     trayConfiguration.title = platform::TrayIcon::menuTitle(version);
     trayConfiguration.iconDirectory = platform::TrayIcon::iconDirectoryFor(executablePath());

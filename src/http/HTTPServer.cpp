@@ -223,7 +223,7 @@ async::Task<void> HTTPServer::acceptConnections(net::AsyncSocket listener) {
             if (!socket) break;
             if (openConnections_.load(std::memory_order_relaxed) >= config_.maxConnections) {
                 warnings.warn(config_.logger, [&] {
-                    return "server warning: " + std::to_string(config_.maxConnections) + " connections open, closing a new one";
+                    return "server warning: connection limit (" + std::to_string(config_.maxConnections) + ") reached, closing a new connection";
                 });
                 try {
                     socket->close();

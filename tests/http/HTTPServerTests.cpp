@@ -11,6 +11,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <tuple>
 #include <string>
@@ -276,6 +281,114 @@ TEST_F(HTTPServerTest, AnswersAResponseHeaderWithALineBreakOrNulWith500AndWrites
         EXPECT_TRUE(client.closedWithNothingMore());
     }
     EXPECT_EQ(logger->waitFor("handler error: "), "error: handler error: Invalid Header Field");
+}
+
+TEST_F(HTTPServerTest, ClosesAConnectionBeyondTheLimitAtOnceAndKeepsTheOthers) {
+    HTTPServer::Configuration config = server->config();
+    config.maxConnections = 1;
+    server = std::make_unique<HTTPServer>(config);
+    server->appendRoute("GET /version", [](HTTPRequest) -> async::Task<HTTPResponse> {
+        co_return HTTPResponse(HTTPStatusCode::ok, {}, "412");
+    });
+    start();
+    LoopbackClient first(port);
+    first.send("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n");
+    EXPECT_THAT(first.response(), HasSubstr("412"));
+    LoopbackClient second(port);
+    EXPECT_TRUE(second.closedWithNothingMore());
+    logger->waitFor("warning: server warning: connection limit (1) reached, closing a new connection");
+    first.send("GET /version HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(first.response(), okResponse);
+}
+
+// The lines a child process writes, collected as they come so that it never blocks on the pipe.
+class ChildOutput {
+public:
+    explicit ChildOutput(int fd) : fd_(fd), reader_([this] { read(); }) {}
+    ~ChildOutput() {
+        reader_.join();
+        ::close(fd_);
+    }
+    // The first line holding `text` (waiting for it), or "" after the hang guard.
+    std::string waitFor(std::string_view text) {
+        std::unique_lock lock(mutex_);
+        std::string found;
+        changed_.wait_for(lock, hangGuard, [&] {
+            auto line = std::find_if(lines_.begin(), lines_.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
+            if (line != lines_.end()) found = *line;
+            return line != lines_.end() || ended_;
+        });
+        return found;
+    }
+    long count(std::string_view text) {
+        std::lock_guard lock(mutex_);
+        return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
+    }
+
+private:
+    void read() {
+        std::string pending;
+        char chunk[4096];
+        for (ssize_t n; (n = ::read(fd_, chunk, sizeof chunk)) > 0;) {
+            pending.append(chunk, static_cast<std::size_t>(n));
+            std::lock_guard lock(mutex_);
+            for (std::size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
+                lines_.push_back(pending.substr(0, end));
+            }
+            changed_.notify_all();
+        }
+        std::lock_guard lock(mutex_);
+        ended_ = true;
+        changed_.notify_all();
+    }
+
+    int fd_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> lines_;
+    bool ended_ = false;
+    std::thread reader_;
+};
+
+// A server child allowed 64 descriptors, flooded by 100 idle clients: accepting fails with
+// EMFILE, which must neither end the server nor spin, and the server serves again once they go.
+TEST(HTTPServerExhaustion, LivesThroughAFullDescriptorTableAndServesOnceClientsLeave) {
+    const std::string binary = std::string(ORVEL_BINARY_DIR) + "/version_server";
+    int out[2];
+    ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
+    const auto started = std::chrono::steady_clock::now();
+    pid_t child = ::fork();
+    if (child == 0) {  // only system calls between fork and exec
+        rlimit limit{64, 64};
+        char* const environment[] = {const_cast<char*>("VERSION_SERVER_LOG=1"), nullptr};
+        if (::setrlimit(RLIMIT_NOFILE, &limit) == 0 && ::dup2(out[1], STDOUT_FILENO) >= 0) {
+            ::execle(binary.c_str(), "version_server", "--port", "0", nullptr, environment);
+        }
+        ::_exit(127);
+    }
+    ASSERT_GT(child, 0);
+    ::close(out[1]);
+    {
+        ChildOutput output(out[0]);
+        std::string listening = output.waitFor("starting server 127.0.0.1:");
+        ASSERT_FALSE(listening.empty()) << "no server at " << binary;
+        auto port = static_cast<std::uint16_t>(std::stoul(listening.substr(listening.rfind(':') + 1)));
+        {
+            std::vector<std::unique_ptr<LoopbackClient>> clients;
+            for (int i = 0; i < 100; ++i) clients.push_back(std::make_unique<LoopbackClient>(port));
+            EXPECT_THAT(output.waitFor("warning: "), HasSubstr("SocketError. Accept(24): Too many open files"));
+            std::this_thread::sleep_for(1500ms);  // long enough for a warning per retry to show
+        }
+        LoopbackClient client(port);
+        client.send("GET /version HTTP/1.1\r\n\r\n");
+        EXPECT_THAT(client.response(), HasSubstr("412"));
+        EXPECT_EQ(::waitpid(child, nullptr, WNOHANG), 0) << "the server ended";
+        // At most one warning a second (and one at the start).
+        auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count();
+        EXPECT_LE(output.count("warning: "), seconds + 1);
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
 }
 
 }  // namespace
