@@ -301,54 +301,17 @@ TEST_F(HTTPServerTest, ClosesAConnectionBeyondTheLimitAtOnceAndKeepsTheOthers) {
     EXPECT_EQ(first.response(), okResponse);
 }
 
-// The lines a child process writes, collected as they come so that it never blocks on the pipe.
-class ChildOutput {
-public:
-    explicit ChildOutput(int fd) : fd_(fd), reader_([this] { read(); }) {}
-    ~ChildOutput() {
-        reader_.join();
-        ::close(fd_);
-    }
-    // The first line holding `text` (waiting for it), or "" after the hang guard.
-    std::string waitFor(std::string_view text) {
-        std::unique_lock lock(mutex_);
-        std::string found;
-        changed_.wait_for(lock, hangGuard, [&] {
-            auto line = std::find_if(lines_.begin(), lines_.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
-            if (line != lines_.end()) found = *line;
-            return line != lines_.end() || ended_;
-        });
-        return found;
-    }
-    long count(std::string_view text) {
-        std::lock_guard lock(mutex_);
-        return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
-    }
-
-private:
-    void read() {
-        std::string pending;
-        char chunk[4096];
-        for (ssize_t n; (n = ::read(fd_, chunk, sizeof chunk)) > 0;) {
-            pending.append(chunk, static_cast<std::size_t>(n));
-            std::lock_guard lock(mutex_);
-            for (std::size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
-                lines_.push_back(pending.substr(0, end));
-            }
-            changed_.notify_all();
+// Collects a child's output lines into `lines` as they come, so the child never blocks on the pipe.
+void collectLines(int fd, RecordingLogger* lines) {
+    std::string pending;
+    char chunk[4096];
+    for (ssize_t n; (n = ::read(fd, chunk, sizeof chunk)) > 0;) {
+        pending.append(chunk, static_cast<std::size_t>(n));
+        for (std::size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
+            lines->logInfo(pending.substr(0, end));
         }
-        std::lock_guard lock(mutex_);
-        ended_ = true;
-        changed_.notify_all();
     }
-
-    int fd_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> lines_;
-    bool ended_ = false;
-    std::thread reader_;
-};
+}
 
 // A server child allowed 64 descriptors, flooded by 100 idle clients: accepting fails with
 // EMFILE, which must neither end the server nor spin, and the server serves again once they go.
@@ -357,8 +320,19 @@ TEST(HTTPServerExhaustion, LivesThroughAFullDescriptorTableAndServesOnceClientsL
     int out[2];
     ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
     const auto started = std::chrono::steady_clock::now();
-    pid_t child = ::fork();
-    if (child == 0) {  // only system calls between fork and exec
+    // Ends the child however the test ends; the reader then sees the end of the pipe.
+    struct Child {
+        pid_t pid;
+        int out;
+        RecordingLogger output;
+        std::thread reader;
+        ~Child() {
+            if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
+            if (reader.joinable()) reader.join();
+            ::close(out);
+        }
+    } child{::fork(), out[0]};
+    if (child.pid == 0) {  // only system calls between fork and exec
         rlimit limit{64, 64};
         char* const environment[] = {const_cast<char*>("VERSION_SERVER_LOG=1"), nullptr};
         if (::setrlimit(RLIMIT_NOFILE, &limit) == 0 && ::dup2(out[1], STDOUT_FILENO) >= 0) {
@@ -366,29 +340,26 @@ TEST(HTTPServerExhaustion, LivesThroughAFullDescriptorTableAndServesOnceClientsL
         }
         ::_exit(127);
     }
-    ASSERT_GT(child, 0);
     ::close(out[1]);
+    ASSERT_GT(child.pid, 0);
+    child.reader = std::thread(collectLines, child.out, &child.output);
+    std::string listening = child.output.waitFor("starting server 127.0.0.1:");
+    ASSERT_FALSE(listening.empty()) << "no server from " << binary;
+    auto port = static_cast<std::uint16_t>(std::stoul(listening.substr(listening.rfind(':') + 1)));
     {
-        ChildOutput output(out[0]);
-        std::string listening = output.waitFor("starting server 127.0.0.1:");
-        ASSERT_FALSE(listening.empty()) << "no server at " << binary;
-        auto port = static_cast<std::uint16_t>(std::stoul(listening.substr(listening.rfind(':') + 1)));
-        {
-            std::vector<std::unique_ptr<LoopbackClient>> clients;
-            for (int i = 0; i < 100; ++i) clients.push_back(std::make_unique<LoopbackClient>(port));
-            EXPECT_THAT(output.waitFor("warning: "), HasSubstr("SocketError. Accept(24): Too many open files"));
-            std::this_thread::sleep_for(1500ms);  // long enough for a warning per retry to show
-        }
-        LoopbackClient client(port);
-        client.send("GET /version HTTP/1.1\r\n\r\n");
-        EXPECT_THAT(client.response(), HasSubstr("412"));
-        EXPECT_EQ(::waitpid(child, nullptr, WNOHANG), 0) << "the server ended";
-        // At most one warning a second (and one at the start).
-        auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count();
-        EXPECT_LE(output.count("warning: "), seconds + 1);
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
+        std::vector<std::unique_ptr<LoopbackClient>> clients;
+        for (int i = 0; i < 100; ++i) clients.push_back(std::make_unique<LoopbackClient>(port));
+        EXPECT_THAT(child.output.waitFor("warning: "), HasSubstr("SocketError. Accept(24): Too many open files"));
+        std::this_thread::sleep_for(1500ms);  // long enough for a warning per retry to show
     }
+    LoopbackClient client(port);
+    client.send("GET /version HTTP/1.1\r\n\r\n");
+    EXPECT_THAT(client.response(), HasSubstr("412"));
+    EXPECT_EQ(::waitpid(child.pid, nullptr, WNOHANG), 0) << "the server ended";
+    // At most one warning a second (and one at the start).
+    auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count();
+    auto lines = child.output.lines();
+    EXPECT_LE(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l.find("warning: ") != l.npos; }), seconds + 1);
 }
 
 }  // namespace
