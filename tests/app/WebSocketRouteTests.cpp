@@ -108,12 +108,11 @@ private:
 
 // Refused before the handshake is looked at: a bare 403 and the reason in the log.
 TEST(WebSocketRoute, AForeignUserOrAMissingOrForeignOriginIsABareForbidden) {
-    const uid_t nobody = 65534;
     LoopbackConnection own(::geteuid(), AF_INET), own6(::geteuid(), AF_INET6);
     std::optional<LoopbackConnection> other, other6;
     if (::geteuid() == 0) {  // only root can make a connection of another user
-        other.emplace(nobody, AF_INET);
-        other6.emplace(nobody, AF_INET6);
+        other.emplace(65534, AF_INET);  // nobody
+        other6.emplace(65534, AF_INET6);
     }
     http::HTTPRequest unknown = own.request();
     unknown.localAddress.reset();
