@@ -7,6 +7,10 @@
 #include "async/Error.h"
 #include "net/SocketAddress.h"
 
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <string>
@@ -26,6 +30,22 @@ bool runsFromBuildFolder(const std::filesystem::path& executable) {
 }
 
 }  // namespace
+
+void raiseDescriptorLimit(const net::Logger& logger) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        logger->logError([&] { return std::string("Could not read the open file limit: ") + std::strerror(errno); });
+        return;
+    }
+    if (limit.rlim_cur != limit.rlim_max) {
+        rlimit raised{limit.rlim_max, limit.rlim_max};
+        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+    }
+    logger->logInfo([&] {
+        return limit.rlim_cur == RLIM_INFINITY ? std::string("Open file limit: unlimited.")
+                                               : "Open file limit: " + std::to_string(limit.rlim_cur) + ".";
+    });
+}
 
 AppDelegate::Environment AppDelegate::Environment::standard(std::function<void()> terminate) {
     auto loginItem = platform::XdgAutostart::mainAppService();

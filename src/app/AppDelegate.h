@@ -19,6 +19,10 @@ namespace orvel {
 // 127.0.0.1:8505 with "GET /version" and the streaming route "*", and its stop. Launch and
 // termination run on the main thread; the server runs in a task of its own, which asks the
 // application to terminate when the server cannot run.
+// Raises the soft limit on open descriptors to the hard limit and logs the figure (info): each
+// connection costs one, and the usual soft limit of 1024 is far below what the server holds.
+void raiseDescriptorLimit(const net::Logger& logger);
+
 class AppDelegate {
 public:
     static constexpr const char* serverAddress = "127.0.0.1";

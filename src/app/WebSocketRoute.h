@@ -18,8 +18,9 @@ inline constexpr std::string_view allowedOriginSuffix = ".tamrix.com";
 // prefix test would admit http://localhost.evil.example.
 bool isAllowedOrigin(std::string_view origin) noexcept;
 
-// The catch-all route: 403 with no headers and an empty body for a missing or foreign origin
-// (logged), otherwise the WebSocket handshake around OrvelMessageHandler with frames of at most
+// The catch-all route: 403 with no headers and an empty body (and a log line) for a connection
+// whose socket belongs to another user (or whose owner cannot be found), then for a missing or
+// foreign origin; otherwise the WebSocket handshake around OrvelMessageHandler with frames of at most
 // 16384 bytes. The second form takes the message handler and the log, for tests.
 async::Task<http::HTTPResponse> handleWebSocketRoute(http::HTTPRequest request);
 async::Task<http::HTTPResponse> handleWebSocketRoute(http::HTTPRequest request,

@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    raiseDescriptorLimit(appLogger());
     platform::TrayIcon::Configuration trayConfiguration;
     trayConfiguration.title = platform::TrayIcon::menuTitle(version);
     // Icons not in the installed theme: an install under another prefix, then the source tree.

@@ -73,12 +73,12 @@ HTTPConnection::Peer HTTPConnection::identify(const net::Socket& socket) {
         net::Socket::Address remote = socket.remotePeer();
         peer.address = addressOf(remote);
         peer.hostname = remote.text;
-        if (remote.kind == net::Socket::Address::Kind::unix) {
+        try {
+            net::Socket::Address local = socket.sockname();
+            peer.local = addressOf(local);
             // A Unix-domain peer usually has no name of its own: name it after our side.
-            try {
-                peer.hostname = socket.sockname().text;
-            } catch (const async::Error&) {
-            }
+            if (remote.kind == net::Socket::Address::Kind::unix) peer.hostname = local.text;
+        } catch (const async::Error&) {
         }
     } catch (const async::Error&) {
     }
@@ -92,7 +92,7 @@ HTTPConnection::HTTPConnection(net::Socket socket, std::shared_ptr<detail::ByteS
       reader_(std::make_shared<detail::ConnectionReader>(stream_)),
       hostname_(std::move(peer.hostname)),
       logger_(std::move(logger)),
-      requests_(reader_, std::move(peer.address), decoder) {}
+      requests_(reader_, std::move(peer.address), decoder, std::move(peer.local)) {}
 
 std::size_t HTTPConnection::tryWrite(std::string_view bytes) {
     std::size_t written = 0;

@@ -55,6 +55,7 @@ public:
 private:
     struct Peer {
         std::optional<HTTPRequest::Address> address;
+        std::optional<HTTPRequest::Address> local;
         std::string hostname = "unknown";
     };
     static Peer identify(const net::Socket& socket);

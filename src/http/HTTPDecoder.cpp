@@ -28,6 +28,7 @@ public:
             reader_->consume(n);
             remaining_ -= static_cast<std::int64_t>(n);
         }
+        reader_->endPhase();
     }
 
     async::Task<std::optional<std::uint8_t>> next() override {
@@ -46,6 +47,7 @@ public:
         HTTPBodySequence::Bytes buffer(first, first + n);
         reader_->consume(n);
         remaining_ -= static_cast<std::int64_t>(n);
+        if (remaining_ == 0) reader_->endPhase();
         co_return buffer;
     }
 
@@ -100,6 +102,7 @@ async::Task<HTTPRequest> HTTPDecoder::readRequest(std::shared_ptr<ConnectionRead
     ConnectionReader& in = *reader;
     std::string_view line;
 
+    in.beginRequest();
     // Request line. Nothing at all before the end of the stream means the sequence has ended.
     try {
         if (in.takeIdleExpectation()) co_await in.waitUntilReadable();
@@ -126,7 +129,8 @@ async::Task<HTTPRequest> HTTPDecoder::readRequest(std::shared_ptr<ConnectionRead
 
     std::string path;
     std::vector<HTTPRequest::QueryItem> query;
-    detail::parseURLReference(pieces.pieces[1], path, query);
+    // A path that decodes to a control byte could split a log line or a header it is copied to.
+    if (!detail::parseURLReference(pieces.pieces[1], path, query)) throw Error("Invalid Path");
     HTTPRequest request(HTTPMethod(pieces.pieces[0]), HTTPVersion(pieces.pieces[2]), std::move(path),
                         std::move(query), HTTPHeaders(), HTTPBodySequence());
 
@@ -153,7 +157,11 @@ async::Task<HTTPRequest> HTTPDecoder::readRequest(std::shared_ptr<ConnectionRead
     // Body, framed by Content-Length only.
     std::optional<std::int64_t> length;
     if (auto value = request.headers.value(HTTPHeader::contentLength)) length = parseContentLength(*value);
-    if (!length || *length <= 0) co_return request;
+    if (!length || *length <= 0) {
+        in.endPhase();
+        co_return request;
+    }
+    in.beginBody();
     if (*length <= sharedRequestReplaySize) {
         // Read whole before the handler runs: the body is replayable and nothing of it is left
         // on the connection when the response goes out.
@@ -169,6 +177,7 @@ async::Task<HTTPRequest> HTTPDecoder::readRequest(std::shared_ptr<ConnectionRead
             body.append(bytes.data(), n);
             in.consume(n);
         }
+        in.endPhase();
         request.bodySequence = HTTPBodySequence(std::move(body));
         co_return request;
     }

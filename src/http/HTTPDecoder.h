@@ -31,7 +31,7 @@ class RequestBodySource;
 // Content-Length body. Lines are parsed in place in the connection's buffer; only what the
 // request keeps is copied. Chunked request bodies are not decoded (such a request has an empty
 // body). Limits against bad input: a line over maxLineBytes or more than maxHeaderLines header
-// lines fail like a malformed request.
+// lines fail like a malformed request, and so does a path that decodes to NUL, CR or LF.
 class HTTPDecoder {
 public:
     class Error final : public async::Error {

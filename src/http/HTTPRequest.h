@@ -64,6 +64,8 @@ public:
     HTTPHeaders headers;
     HTTPBodySequence bodySequence;
     std::optional<Address> remoteAddress;
+    // This side's end of the connection (with remoteAddress, the pair that names it).
+    std::optional<Address> localAddress;
 
     // True exactly when the Connection header's whole value is "keep-alive", ignoring case.
     bool shouldKeepAlive() const noexcept;

@@ -20,8 +20,11 @@ namespace orvel::http {
 class HTTPRequestSequence {
 public:
     HTTPRequestSequence(std::shared_ptr<detail::ConnectionReader> bytes, std::optional<HTTPRequest::Address> remoteAddress,
-                        HTTPDecoder decoder)
-        : bytes_(std::move(bytes)), remoteAddress_(std::move(remoteAddress)), decoder_(decoder) {}
+                        HTTPDecoder decoder, std::optional<HTTPRequest::Address> localAddress = std::nullopt)
+        : bytes_(std::move(bytes)),
+          remoteAddress_(std::move(remoteAddress)),
+          localAddress_(std::move(localAddress)),
+          decoder_(decoder) {}
     HTTPRequestSequence(const HTTPRequestSequence&) = delete;
     HTTPRequestSequence& operator=(const HTTPRequestSequence&) = delete;
     ~HTTPRequestSequence();
@@ -33,6 +36,9 @@ public:
     // No further request is read; a decode in progress is cancelled. Any thread.
     void complete();
     bool isComplete() const noexcept { return isComplete_.load(std::memory_order_acquire); }
+    // Ends a decode in progress that the peer has let pass its time limit: next() raises
+    // TimeoutError with `seconds`. False (and no effect) when no decode is running. Any thread.
+    bool timeOut(double seconds);
 
     const std::shared_ptr<detail::ConnectionReader>& bytes() const noexcept { return bytes_; }
     const std::optional<HTTPRequest::Address>& remoteAddress() const noexcept { return remoteAddress_; }
@@ -40,10 +46,13 @@ public:
 private:
     std::shared_ptr<detail::ConnectionReader> bytes_;
     std::optional<HTTPRequest::Address> remoteAddress_;
+    std::optional<HTTPRequest::Address> localAddress_;
     HTTPDecoder decoder_;
     std::atomic<bool> isComplete_{false};
-    std::mutex mutex_;                               // guards decodeScope_ against complete()
+    std::mutex mutex_;                               // guards the next three against complete()
     std::optional<detail::CancellableScope> decodeScope_;
+    bool decoding_ = false;
+    std::optional<double> timedOut_;
     std::optional<HTTPBodySequence> streamedBody_;  // the last request's body when it was streamed
 };
 

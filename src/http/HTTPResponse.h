@@ -1,4 +1,5 @@
 #pragma once
+#include "async/Error.h"
 #include "http/HTTPBodySequence.h"
 #include "http/HTTPHeader.h"
 #include "http/HTTPStatusCode.h"
@@ -17,6 +18,13 @@ class WSHandler;
 // connection over once the header block is written. A plain value; bodies are shared.
 class HTTPResponse {
 public:
+    // A header name or value holding CR, LF or NUL: written out, it would end the header block
+    // early or add headers of someone else's choosing.
+    class InvalidHeaderError final : public async::Error {
+    public:
+        InvalidHeaderError() : Error("Invalid Header Field") {}
+    };
+
     class Payload {
     public:
         enum class Kind { httpBody, webSocket };
@@ -62,6 +70,9 @@ public:
     HTTPStatusCode statusCode;
     HTTPHeaders headers;
     Payload payload;
+
+    // Throws InvalidHeaderError unless every header can be written as it stands.
+    void checkHeaders() const;
 
     // Every byte of the body; empty for a WebSocket response.
     async::Task<HTTPBodySequence::Bytes> bodyData() const;

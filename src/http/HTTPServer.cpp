@@ -2,6 +2,7 @@
 
 #include "async/Cancellation.h"
 #include "async/Error.h"
+#include "async/Sleep.h"
 #include "async/TaskGroup.h"
 #include "http/detail/AsyncSocketStream.h"
 #include "http/detail/HandlerDeadline.h"
@@ -9,12 +10,39 @@
 #include "net/SocketPool.h"
 #include "net/Timeout.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <string>
 
 namespace orvel::http {
 namespace {
+
+using Clock = detail::ConnectionReader::Clock;
+
+// EMFILE and its kind leave the connection queued and the listener readable: retrying at once
+// would spin. A closing connection frees a descriptor, so it ends the pause early.
+constexpr auto acceptPauseLimit = std::chrono::milliseconds(100);
+constexpr auto acceptWarningInterval = std::chrono::seconds(1);
+
+async::Task<void> sleepFor(Clock::duration duration) { co_await async::sleep(duration); }
+
+Clock::duration seconds(double value) { return std::chrono::nanoseconds(net::timeoutNanoseconds(value)); }
+
+// One warning a second at most while a condition lasts: a flood must not become a log flood.
+class WarningLimiter {
+public:
+    template <class F>
+    void warn(const net::Logger& logger, F&& message) {
+        Clock::time_point now = Clock::now();
+        if (last_ && now - *last_ < acceptWarningInterval) return;
+        last_ = now;
+        logger->logWarning(std::forward<F>(message));
+    }
+
+private:
+    std::optional<Clock::time_point> last_;
+};
 
 std::string listeningLine(const net::Socket& socket) {
     try {
@@ -173,9 +201,39 @@ async::Task<void> HTTPServer::serve(net::AsyncSocket listener) {
 async::Task<void> HTTPServer::acceptConnections(net::AsyncSocket listener) {
     async::TaskGroup<void> connections(true);
     std::exception_ptr failure;
+    WarningLimiter warnings;
     try {
         auto sockets = listener.sockets();
-        while (auto socket = co_await sockets.next()) connections.add(handleConnection(std::move(*socket)));
+        for (;;) {
+            std::optional<net::AsyncSocket> socket;
+            bool pause = false;
+            try {
+                socket = co_await sockets.next();
+            } catch (const net::SocketError& error) {
+                if (!net::Socket::isTransientAcceptError(error)) throw;
+                warnings.warn(config_.logger, [&] { return "server warning: " + error.description(); });
+                pause = true;
+            }
+            if (pause) {
+                co_await pauseAccepting();
+                std::lock_guard lock(mutex_);
+                if (stopRequested_) break;  // the listener is closed; its number may be reused
+                continue;
+            }
+            if (!socket) break;
+            if (openConnections_.load(std::memory_order_relaxed) >= config_.maxConnections) {
+                warnings.warn(config_.logger, [&] {
+                    return "server warning: connection limit (" + std::to_string(config_.maxConnections) + ") reached, closing a new connection";
+                });
+                try {
+                    socket->close();
+                } catch (const async::Error&) {
+                }
+                continue;
+            }
+            openConnections_.fetch_add(1, std::memory_order_relaxed);
+            connections.add(handleConnection(std::move(*socket)));
+        }
     } catch (...) {
         failure = std::current_exception();
         connections.cancelAll();
@@ -188,12 +246,54 @@ async::Task<void> HTTPServer::acceptConnections(net::AsyncSocket listener) {
     if (failure) std::rethrow_exception(failure);
 }
 
+async::Task<void> HTTPServer::pauseAccepting() {
+    detail::CancellableScope pause;
+    {
+        std::lock_guard lock(mutex_);
+        acceptPause_ = &pause;
+    }
+    try {
+        auto nap = sleepFor(acceptPauseLimit);
+        co_await pause.run(nap);
+    } catch (const async::CancellationError&) {
+        // a connection closed, or the server stops
+    }
+    {
+        std::lock_guard lock(mutex_);
+        acceptPause_ = nullptr;
+    }
+    async::checkCancellation();
+}
+
+async::Task<void> HTTPServer::watchPeer(std::shared_ptr<HTTPConnection> connection) {
+    // Sleeps never outlast the shortest limit: a phase that starts while we sleep is due no
+    // earlier than that, so one timer per connection serves every phase.
+    const Clock::duration shortest =
+        std::min({seconds(config_.requestHeadTimeout), seconds(config_.keepAliveTimeout), seconds(config_.bodyTimeout)});
+    detail::ConnectionReader& reader = connection->reader();
+    for (;;) {
+        Clock::time_point now = Clock::now();
+        Clock::time_point deadline = reader.deadline();
+        if (deadline <= now) {
+            double limit = config_.requestHeadTimeout;
+            if (reader.phase() == detail::ConnectionReader::Phase::idle) limit = config_.keepAliveTimeout;
+            if (reader.phase() == detail::ConnectionReader::Phase::body) limit = config_.bodyTimeout;
+            if (reader.deadline() == deadline && connection->requests().timeOut(limit)) co_return;
+            deadline = Clock::time_point::max();  // not reading now: look again later
+        }
+        co_await async::sleep(std::min(deadline - now, shortest));
+    }
+}
+
 async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
     auto connection = std::make_shared<HTTPConnection>(socket.socket(), std::make_shared<detail::AsyncSocketStream>(socket),
                                                        HTTPDecoder(config_.sharedRequestReplaySize), config_.logger);
     const net::Logger& logger = config_.logger;
     const std::string& host = connection->hostname();
     logger->logInfo([&] { return "<" + host + "> open connection"; });
+    connection->reader().startClock({seconds(config_.requestHeadTimeout), seconds(config_.keepAliveTimeout),
+                                     seconds(config_.bodyTimeout)});
+    async::TaskHandle<void> watchdog = async::spawn(watchPeer(connection));
     RoutedHTTPHandler handlers;
     {
         std::lock_guard lock(mutex_);
@@ -226,11 +326,19 @@ async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
         }
     }
 
+    watchdog.cancel();
+    try {
+        co_await watchdog.value();
+    } catch (...) {
+        // cancelled, or done after a time-out
+    }
+    connection->close();
+    openConnections_.fetch_sub(1, std::memory_order_relaxed);
     {
         std::lock_guard lock(mutex_);
         connections_.erase(connection);
+        if (acceptPause_) acceptPause_->cancel();  // a descriptor is free again
     }
-    connection->close();
     logger->logInfo([&] { return "<" + host + "> close connection"; });
 }
 
@@ -250,6 +358,7 @@ async::Task<HTTPResponse> HTTPServer::handleRequest(HTTPRequest request, RoutedH
         try {
             auto call = handlers.handleRequest(std::move(request));
             response.emplace(co_await scope->run(call));
+            response->checkHeaders();
         } catch (...) {
             failure = std::current_exception();
         }
@@ -281,6 +390,7 @@ async::Task<void> HTTPServer::stop(double timeout) {
         if (!state_) co_return;
         state = std::exchange(state_, std::nullopt);
         stopRequested_ = true;
+        if (acceptPause_) acceptPause_->cancel();
         connections.assign(connections_.begin(), connections_.end());
     }
     state->listener.close();  // ends the accept loop

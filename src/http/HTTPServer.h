@@ -11,6 +11,8 @@
 #include "net/Logging.h"
 #include "net/SocketAddress.h"
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -33,6 +35,15 @@ public:
         std::int64_t sharedRequestReplaySize = HTTPDecoder::defaultSharedRequestReplaySize;
         std::shared_ptr<net::AsyncSocketPool> pool;
         net::Logger logger;
+        // Beyond this many open connections a new one is closed at once.
+        std::size_t maxConnections = 4096;
+        // Seconds a peer gets: for a complete request head (from connecting, or from the first
+        // byte of a kept-alive connection's next request), for the first byte of that next
+        // request, and between two bytes of a body. A peer past a limit is closed like a
+        // malformed request.
+        double requestHeadTimeout = 30;
+        double keepAliveTimeout = 120;
+        double bodyTimeout = 30;
     };
 
     static constexpr int listenBacklog = 128;
@@ -84,6 +95,8 @@ private:
     async::Task<void> runPool(std::shared_ptr<net::AsyncSocketPool> pool);
     async::Task<void> acceptConnections(net::AsyncSocket listener);
     async::Task<void> handleConnection(net::AsyncSocket socket);
+    async::Task<void> watchPeer(std::shared_ptr<HTTPConnection> connection);
+    async::Task<void> pauseAccepting();
     async::Task<HTTPResponse> handleRequest(HTTPRequest request, RoutedHTTPHandler& handlers,
                                             std::optional<detail::CancellableScope>& scope);
     void resumeWaiters();
@@ -96,6 +109,8 @@ private:
     bool starting_ = false;
     bool stopRequested_ = false;  // by stop() since the last run()
     std::unordered_set<std::shared_ptr<HTTPConnection>> connections_;
+    std::atomic<std::size_t> openConnections_{0};  // accepted and not yet closed
+    detail::CancellableScope* acceptPause_ = nullptr;  // ended early by a connection that closes
 };
 
 }  // namespace orvel::http

@@ -245,6 +245,20 @@ Socket::AcceptResult Socket::tryAccept(bool nonBlocking) const noexcept {
     return result;
 }
 
+bool Socket::isTransientAcceptError(const SocketError& error) noexcept {
+    if (error.kind() != SocketError::Kind::failed || error.type() != "Accept") return false;
+    switch (error.errnoValue()) {
+        case EMFILE:
+        case ENFILE:
+        case ENOBUFS:
+        case ENOMEM:
+        case ECONNABORTED:
+        case EPROTO:
+        case EPERM: return true;
+        default: return false;
+    }
+}
+
 Socket::Accepted Socket::accept() const {
     auto result = tryAccept();
     if (result.status == Status::blocked)

@@ -232,6 +232,10 @@ public:
     Accepted accept() const;
     // `nonBlocking`: the accepted descriptor starts non-blocking (saves an fcntl).
     AcceptResult tryAccept(bool nonBlocking = false) const noexcept;
+    // An "Accept" failure that passes: resources ran out for a moment (EMFILE, ENFILE, ENOBUFS,
+    // ENOMEM) or the peer gave up before we took it (ECONNABORTED, EPROTO, EPERM). A server
+    // pauses and accepts again; any other failure is the listener's.
+    static bool isTransientAcceptError(const SocketError& error) noexcept;
 
     // EISCONN counts as success; EINPROGRESS is `blocked` (wait for write readiness, call again).
     template <SocketAddress A>

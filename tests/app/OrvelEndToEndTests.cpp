@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 namespace orvel {
 namespace {
 
@@ -226,11 +228,17 @@ TEST_F(OrvelEndToEnd, AnInstalledOrvelRegistersItsLoginItemOnceAndABuildFolderRu
     EXPECT_FALSE(std::filesystem::exists(entry));
 
     const auto installed = installedCopy(config_.path());
+    rlimit inherited{};
+    ::getrlimit(RLIMIT_NOFILE, &inherited);
+    rlimit low{std::min<rlim_t>(256, inherited.rlim_max), inherited.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &low);  // the child starts with it and raises it to the hard limit
     auto first = start({}, installed);
+    ::setrlimit(RLIMIT_NOFILE, &inherited);
     EXPECT_EQ(first->terminate(), 0);
     EXPECT_THAT(first->output(), HasSubstr("info: No graphical session, running headless without a tray icon.\n"));
     EXPECT_THAT(first->output(), HasSubstr("info: Application launched.\norvel: [ApplicationCode] info: Trying to register as login item.\n"));
     EXPECT_THAT(first->output(), Not(HasSubstr("Failed to register")));
+    EXPECT_THAT(first->output(), HasSubstr("info: Open file limit: " + std::to_string(inherited.rlim_max) + ".\n"));
     std::stringstream contents;
     contents << std::ifstream(entry).rdbuf();
     EXPECT_THAT(contents.str(), HasSubstr("Exec=\"" + installed + "\""));

@@ -2,9 +2,19 @@
 
 #include "app/AudioCaptureTestSupport.h"
 #include "async/Async.h"
+#include "net/Socket.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <optional>
 
 namespace orvel {
 namespace {
@@ -31,25 +41,108 @@ public:
     }
 };
 
-// Refused before the handshake is looked at: a bare 403 and the reason in the log.
-TEST(WebSocketRoute, AMissingOrForeignOriginIsABareForbidden) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"", "error: Origin header is not present, rejecting WebSocket connection."},
-        {"http://localhost.evil.example", "error: Origin http://localhost.evil.example is not allowed, rejecting WebSocket connection."},
-    };
-    for (const auto& [origin, line] : cases) {
+// A loopback connection as the server sees it, its far end opened by the user `uid`: this
+// process, or a child that drops to that user before connecting and holds on until the end.
+class LoopbackConnection {
+public:
+    LoopbackConnection(uid_t uid, int family) {
+        listener_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        timeval guard{30, 0};  // accept waits no longer should the child fail to connect
+        ::setsockopt(listener_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
+        sockaddr_storage address{};
+        socklen_t length = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+        address.ss_family = static_cast<sa_family_t>(family);
+        if (family == AF_INET) reinterpret_cast<sockaddr_in&>(address).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (family == AF_INET6) reinterpret_cast<sockaddr_in6&>(address).sin6_addr = in6addr_loopback;
+        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), length), 0);
+        EXPECT_EQ(::listen(listener_, 1), 0);
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        if (uid == ::geteuid()) {
+            client_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            EXPECT_EQ(::connect(client_, reinterpret_cast<sockaddr*>(&address), length), 0);
+        } else {
+            int hold[2];
+            EXPECT_EQ(::pipe2(hold, O_CLOEXEC), 0);
+            child_ = ::fork();
+            if (child_ == 0) {  // only system calls from here on
+                char byte;
+                // The socket belongs to whoever creates it: drop to the user first.
+                bool ok = ::setuid(uid) == 0;
+                int fd = ok ? ::socket(family, SOCK_STREAM, 0) : -1;
+                ok = ok && ::connect(fd, reinterpret_cast<sockaddr*>(&address), length) == 0;
+                ::close(hold[1]);
+                if (ok) ::read(hold[0], &byte, 1);  // until the parent closes its end
+                ::_exit(ok ? 0 : 1);
+            }
+            ::close(hold[0]);
+            hold_ = hold[1];
+        }
+        server_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        EXPECT_GE(server_, 0);
+    }
+    ~LoopbackConnection() {
+        for (int fd : {server_, client_, listener_, hold_}) {
+            if (fd >= 0) ::close(fd);
+        }
+        if (child_ > 0) ::waitpid(child_, nullptr, 0);
+    }
+
+    // A handshake request that arrived on the connection, with an allowed origin unless another is given.
+    http::HTTPRequest request(std::string origin = "http://localhost") const {
         http::HTTPHeaders headers{{"Host", "127.0.0.1:8505"}, {"Upgrade", "websocket"}, {"Connection", "Upgrade"},
                                   {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="}, {"Sec-WebSocket-Version", "13"}};
         if (!origin.empty()) headers.set("Origin", origin);
-        auto logger = std::make_shared<test::RecordingLogger>();
         http::HTTPRequest request(http::HTTPMethod::GET, http::HTTPVersion::http11, "/", {}, std::move(headers), std::string());
-        auto response = async::syncWait(handleWebSocketRoute(std::move(request), std::make_shared<NoMessages>(), logger));
-        EXPECT_EQ(response.statusCode, http::HTTPStatusCode::forbidden) << origin;
+        net::Socket socket(net::Socket::FileDescriptor{server_});
+        auto peer = socket.remotePeer(), local = socket.sockname();
+        auto make = peer.kind == net::Socket::Address::Kind::ip4 ? http::HTTPRequest::Address::ip4 : http::HTTPRequest::Address::ip6;
+        request.remoteAddress = make(peer.text, peer.port);
+        request.localAddress = make(local.text, local.port);
+        return request;
+    }
+
+private:
+    int listener_ = -1, client_ = -1, server_ = -1, hold_ = -1;
+    pid_t child_ = -1;
+};
+
+// Refused before the handshake is looked at: a bare 403 and the reason in the log.
+TEST(WebSocketRoute, AForeignUserOrAMissingOrForeignOriginIsABareForbidden) {
+    LoopbackConnection own(::geteuid(), AF_INET), own6(::geteuid(), AF_INET6);
+    std::optional<LoopbackConnection> other, other6;
+    if (::geteuid() == 0) {  // only root can make a connection of another user
+        other.emplace(65534, AF_INET);  // nobody
+        other6.emplace(65534, AF_INET6);
+    }
+    http::HTTPRequest unknown = own.request();
+    unknown.localAddress.reset();
+    const std::string foreignUser = "error: Connection from user 65534 is not allowed, rejecting WebSocket connection.";
+    const std::pair<std::optional<http::HTTPRequest>, std::string> cases[] = {
+        {own.request(""), "error: Origin header is not present, rejecting WebSocket connection."},
+        {own.request("http://localhost.evil.example"),
+         "error: Origin http://localhost.evil.example is not allowed, rejecting WebSocket connection."},
+        {unknown, "error: Could not tell the user of the connection (no connection addresses), rejecting WebSocket connection."},
+        {other ? std::optional(other->request()) : std::nullopt, foreignUser},
+        {other6 ? std::optional(other6->request()) : std::nullopt, foreignUser},
+    };
+    for (const auto& [request, line] : cases) {
+        if (!request) continue;
+        auto logger = std::make_shared<test::RecordingLogger>();
+        auto response = async::syncWait(handleWebSocketRoute(*request, std::make_shared<NoMessages>(), logger));
+        EXPECT_EQ(response.statusCode, http::HTTPStatusCode::forbidden) << line;
         EXPECT_EQ(response.version, http::HTTPVersion::http11);
         EXPECT_TRUE(response.headers.empty());
         EXPECT_TRUE(async::syncWait(response.bodyData()).empty());
         EXPECT_THAT(logger->lines(), ::testing::ElementsAre(line));
     }
+    // This user's connection with an allowed origin goes on to the handshake.
+    for (const LoopbackConnection* connection : {&own, &own6}) {
+        auto logger = std::make_shared<test::RecordingLogger>();
+        auto response = async::syncWait(handleWebSocketRoute(connection->request(), std::make_shared<NoMessages>(), logger));
+        EXPECT_EQ(response.statusCode, http::HTTPStatusCode::switchingProtocols);
+        EXPECT_TRUE(logger->lines().empty());
+    }
+    if (!other) GTEST_SKIP() << "not root: no connection of another user to refuse";
 }
 
 }  // namespace

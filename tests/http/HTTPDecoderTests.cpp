@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <deque>
+#include <thread>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -96,6 +98,24 @@ TEST(HTTPRequestDecoding, SplitsTheRequestLineAtBlanksAndReadsHeaderLinesLenient
     EXPECT_EQ(failure({"GET / HTTP/1.1\r\nX: \xc3\x28\r\n\r\n"}), "Invalid String Conversion");
 }
 
+TEST(HTTPRequestDecoding, DecodesThePathBeforeRemovingDotSegmentsAndRefusesControlBytes) {
+    const std::pair<const char*, const char*> paths[] = {
+        {"http://h:8/x/./y/", "/x/y/"}, {"/", "/"}, {"/a/..", "/"}, {"/a/.", "/a/"},
+        {"/%FF", ""}, {"/x%2", ""},  // not UTF-8 once decoded; not a reference
+        {"/a/..%2F..%2Fetc", "/etc"}, {"/%2e%2e/%2E%2E/etc/passwd", "/etc/passwd"}, {"/..%2f", "/"},
+        {"/a/%2e%2e%2f%2e%2e%2f%2e%2e%2fb", "/b"},
+        {"/a%00b", nullptr}, {"/a%0d%0aSet-Cookie:%20x", nullptr}, {"/%0A", nullptr},
+    };
+    for (const auto& [target, expected] : paths) {
+        const std::string input = "GET " + std::string(target) + " HTTP/1.1\r\n\r\n";
+        if (expected) {
+            EXPECT_EQ(decodeOne({input}).path, expected) << target;
+        } else {
+            EXPECT_EQ(failure({input}), "Invalid Path") << target;
+        }
+    }
+}
+
 TEST(HTTPRequestDecoding, RefusesLinesAndHeaderBlocksPastTheLimits) {
     const std::string target = "/" + std::string(HTTPDecoder::maxLineBytes - std::string("GET / HTTP/1.1").size(), 'a');
     const std::string longest = "GET " + target + " HTTP/1.1";
@@ -121,6 +141,29 @@ TEST(HTTPRequestDecoding, EndsQuietlyWhenThePeerClosesBeforeARequestIsComplete) 
     for (const char* input : {"", "GET / HT", "GET / HTTP/1.1\r\nHost: a\r\n", "GET / HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc"}) {
         auto all = async::syncWait(decodeAll({input}, HTTPDecoder(), true));
         EXPECT_TRUE(all.empty()) << input;
+    }
+}
+
+// Bytes end an idle wait (the head's clock starts) and restart a body's clock; a head's clock
+// runs from its start however the bytes trickle in.
+TEST(ConnectionReaderClock, BytesEndAnIdleWaitAndRestartOnlyABodysClock) {
+    using Phase = detail::ConnectionReader::Phase;
+    using namespace std::chrono_literals;
+    const std::tuple<Phase, Phase, bool> cases[] = {
+        {Phase::idle, Phase::head, true}, {Phase::head, Phase::head, false}, {Phase::body, Phase::body, true}};
+    for (const auto& [before, after, restarted] : cases) {
+        auto reader = readerOver({"x"});
+        reader->startClock({1h, 2h, 3h});  // the first request's head
+        reader->beginRequest();
+        if (before == Phase::idle) reader->beginRequest();  // a kept-alive connection's next request
+        if (before == Phase::body) reader->beginBody();
+        ASSERT_EQ(reader->phase(), before);
+        auto deadline = reader->deadline();
+        std::this_thread::sleep_for(2ms);  // so that a restarted clock shows
+        while (!reader->tryFill()) {
+        }
+        EXPECT_EQ(reader->phase(), after);
+        EXPECT_EQ(reader->deadline() != deadline, restarted) << static_cast<int>(before);
     }
 }
 

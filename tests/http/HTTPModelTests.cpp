@@ -52,17 +52,9 @@ TEST(HTTPRequestHeaders, KeepAliveNeedsTheWholeValueAndTheRemoteIPPrefersTheFirs
     EXPECT_FALSE(viaPeer.remoteIPAddress());
 }
 
-TEST(HTTPRequestTarget, IsDecodedAndNormalised) {
-    const std::pair<const char*, const char*> paths[] = {
-        {"http://h:8/x/./y/", "/x/y/"}, {"/", "/"}, {"/a b", ""}, {"/%FF", ""},  // not UTF-8 once decoded
-    };
+TEST(HTTPRequestTarget, DecodesQueryItems) {
     std::string path;
     std::vector<QueryItem> query;
-    for (const auto& [target, expected] : paths) {
-        detail::parseURLReference(target, path, query);
-        EXPECT_EQ(path, expected) << target;
-        EXPECT_TRUE(query.empty()) << target;
-    }
     detail::parseURLReference("/a/b?c=%2B+d&e=f=g", path, query);
     EXPECT_EQ(path, "/a/b");
     EXPECT_THAT(query, ElementsAre(QueryItem{"c", "++d"}, QueryItem{"e", "f=g"}));

@@ -158,6 +158,8 @@ public:
             bytes.remove_prefix(static_cast<std::size_t>(n));
         }
     }
+    // One byte; false once the server has closed the connection.
+    bool sendOne(char byte) { return ::send(fd_, &byte, 1, MSG_NOSIGNAL) == 1; }
     void send(const Bytes& bytes) { send(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())); }
     // A client's frames are masked.
     void sendFrame(WSFrame frame) {

@@ -53,12 +53,55 @@ bool ConnectionReader::tryFill() {
     }
     net::Socket::IOResult result = stream_->tryRead(buffer_.get() + end_, readSize);
     switch (result.status) {
-        case net::Socket::IOResult::Status::done: end_ += result.count; return true;
+        case net::Socket::IOResult::Status::done:
+            end_ += result.count;
+            bytesArrived();
+            return true;
         case net::Socket::IOResult::Status::blocked: return false;
         case net::Socket::IOResult::Status::disconnected: throw net::SocketError::disconnected();
         case net::Socket::IOResult::Status::failed: break;
     }
     throw result.error("Read");
+}
+
+void ConnectionReader::startClock(Limits limits) noexcept {
+    limits_ = limits;
+    setPhase(Phase::head);
+}
+
+void ConnectionReader::beginRequest() noexcept {
+    if (!limits_) return;
+    // The first head's clock has run since connecting.
+    if (std::exchange(firstRequest_, false)) return;
+    setPhase(begin_ == end_ ? Phase::idle : Phase::head);
+}
+
+ConnectionReader::Clock::duration ConnectionReader::limit(Phase phase) const noexcept {
+    if (!limits_) return Clock::duration::max();
+    switch (phase) {
+        case Phase::idle: return limits_->idle;
+        case Phase::head: return limits_->head;
+        case Phase::body: return limits_->body;
+        case Phase::none: break;
+    }
+    return Clock::duration::max();
+}
+
+void ConnectionReader::setPhase(Phase phase) noexcept {
+    if (!limits_) return;
+    Clock::time_point deadline = Clock::time_point::max();
+    if (phase != Phase::none) deadline = Clock::now() + limit(phase);
+    deadline_.store(deadline.time_since_epoch().count(), std::memory_order_release);
+    phase_.store(phase, std::memory_order_release);
+}
+
+void ConnectionReader::bytesArrived() noexcept {
+    switch (phase_.load(std::memory_order_relaxed)) {
+        case Phase::idle: setPhase(Phase::head); break;
+        case Phase::body: setPhase(Phase::body); break;
+        case Phase::head:
+        case Phase::none: break;
+    }
 }
 
 async::Task<void> ConnectionReader::fill() {

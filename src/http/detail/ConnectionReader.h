@@ -2,6 +2,8 @@
 #include "async/Task.h"
 #include "net/Socket.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -29,6 +31,15 @@ public:
 class ConnectionReader {
 public:
     static constexpr std::size_t readSize = 4096;
+    using Clock = std::chrono::steady_clock;
+
+    // What the peer is expected to deliver next, each with its own time limit.
+    enum class Phase { none, idle, head, body };
+    struct Limits {
+        Clock::duration head;  // a complete request head, from connecting or from its first byte
+        Clock::duration idle;  // the first byte of a kept-alive connection's next request
+        Clock::duration body;  // the next byte of a body
+    };
 
     explicit ConnectionReader(std::shared_ptr<ByteStream> stream);
     ConnectionReader(const ConnectionReader&) = delete;
@@ -51,6 +62,20 @@ public:
     bool tryFill();
     async::Task<void> waitUntilReadable() { return stream_->waitUntil(net::Socket::Event::read); }
 
+    // Starts the peer's clock: its first request head is due within limits.head from now. Without
+    // it the reader keeps no time (decoder tests).
+    void startClock(Limits limits) noexcept;
+    // Phase changes, made by the decoder; each restarts the clock of the new phase. A read that
+    // brings bytes moves idle on to head and restarts the body clock, so a deadline is one
+    // atomic store rather than a timer per read.
+    void beginRequest() noexcept;
+    void beginBody() noexcept { setPhase(Phase::body); }
+    void endPhase() noexcept { setPhase(Phase::none); }
+    // Read from any thread by the connection's watchdog; Clock::time_point::max() in no phase.
+    Clock::time_point deadline() const noexcept { return Clock::time_point(Clock::duration(deadline_.load(std::memory_order_acquire))); }
+    Phase phase() const noexcept { return phase_.load(std::memory_order_acquire); }
+    Clock::duration limit(Phase phase) const noexcept;
+
     // Fills until at least one byte is buffered.
     async::Task<void> fill();
 
@@ -68,6 +93,13 @@ private:
     std::size_t end_ = 0;
     std::size_t scanned_ = 0;  // bytes after begin_ known to hold no "\n"
     bool expectIdle_ = false;
+
+    void setPhase(Phase phase) noexcept;
+    void bytesArrived() noexcept;
+    std::optional<Limits> limits_;
+    bool firstRequest_ = true;
+    std::atomic<Phase> phase_{Phase::none};
+    std::atomic<Clock::rep> deadline_{Clock::time_point::max().time_since_epoch().count()};
 };
 
 }  // namespace orvel::http::detail

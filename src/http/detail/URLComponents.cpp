@@ -5,6 +5,7 @@
 #include <uriparser/Uri.h>
 
 #include <array>
+#include <vector>
 #include <string>
 
 namespace orvel::http::detail {
@@ -20,13 +21,62 @@ constexpr std::array<bool, 256> makeQueryAllowed() {
 }
 constexpr std::array<bool, 256> queryAllowed = makeQueryAllowed();
 
-// Decodes %XX escapes in place with uriparser; the parser has already refused malformed ones.
-// Decoded bytes that are not UTF-8 make the text undecodable.
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// Decodes %XX escapes in place; a "%" without two hex digits stays as written. Decoded bytes
+// that are not UTF-8 make the text undecodable.
 bool percentDecode(std::string& text) {
-    if (text.find('%') == std::string::npos) return isValidUTF8(text);
-    const char* end = uriUnescapeInPlaceExA(text.data(), URI_FALSE, URI_BR_DONT_TOUCH);
-    text.resize(static_cast<std::size_t>(end - text.data()));
+    std::size_t out = text.find('%');
+    if (out == std::string::npos) return isValidUTF8(text);
+    for (std::size_t in = out; in < text.size(); ++in) {
+        int high = -1, low = -1;
+        if (text[in] == '%' && in + 2 < text.size()) {
+            high = hexValue(text[in + 1]);
+            low = hexValue(text[in + 2]);
+        }
+        if (high >= 0 && low >= 0) {
+            text[out++] = static_cast<char>(high << 4 | low);
+            in += 2;
+        } else {
+            text[out++] = text[in];
+        }
+    }
+    text.resize(out);
     return isValidUTF8(text);
+}
+
+// RFC 3986 section 5.2.4 on a decoded path: "." segments go, ".." takes the segment before it and
+// never climbs above the root. Done after decoding so that "%2e%2e" and "..%2F" are dots too.
+std::string removeDotSegments(std::string_view path) {
+    const bool rooted = !path.empty() && path.front() == '/';
+    if (rooted) path.remove_prefix(1);
+    std::vector<std::string_view> kept;
+    for (std::size_t start = 0;;) {
+        std::size_t end = path.find('/', start);
+        bool last = end == std::string_view::npos;
+        std::string_view segment = path.substr(start, last ? std::string_view::npos : end - start);
+        if (segment == "..") {
+            if (!kept.empty()) kept.pop_back();
+            if (last) kept.emplace_back();
+        } else if (segment == ".") {
+            if (last) kept.emplace_back();
+        } else {
+            kept.push_back(segment);
+        }
+        if (last) break;
+        start = end + 1;
+    }
+    std::string out = rooted ? "/" : "";
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        if (i > 0) out += '/';
+        out.append(kept[i]);
+    }
+    return out;
 }
 
 std::string_view rangeText(const UriTextRangeA& range) {
@@ -87,29 +137,32 @@ bool parsePlain(std::string_view text, std::string& path, std::vector<HTTPReques
 
 }  // namespace
 
-void parseURLReference(std::string_view text, std::string& path, std::vector<HTTPRequest::QueryItem>& query) {
+bool parseURLReference(std::string_view text, std::string& path, std::vector<HTTPRequest::QueryItem>& query) {
     path.clear();
     query.clear();
-    if (parsePlain(text, path, query)) return;
+    if (parsePlain(text, path, query)) return true;
 
     UriUriA uri;
     const char* errorPos = nullptr;
-    if (uriParseSingleUriExA(&uri, text.data(), text.data() + text.size(), &errorPos) != URI_SUCCESS) return;
+    if (uriParseSingleUriExA(&uri, text.data(), text.data() + text.size(), &errorPos) != URI_SUCCESS) return true;
     struct Release {
         UriUriA* uri;
         ~Release() { uriFreeUriMembersA(uri); }
     } release{&uri};
 
-    if (uriNormalizeSyntaxExA(&uri, URI_NORMALIZE_PATH) == URI_SUCCESS) {
-        bool rooted = uri.absolutePath == URI_TRUE || uri.hostText.first != nullptr;
-        if (uri.absolutePath == URI_TRUE && uri.pathHead == nullptr) path = "/";
-        for (const UriPathSegmentA* segment = uri.pathHead; segment != nullptr; segment = segment->next) {
-            if (segment != uri.pathHead || rooted) path += '/';
-            path += rangeText(segment->text);
-        }
-        if (!percentDecode(path)) path.clear();
+    std::string encoded;
+    bool rooted = uri.absolutePath == URI_TRUE || uri.hostText.first != nullptr;
+    if (uri.absolutePath == URI_TRUE && uri.pathHead == nullptr) encoded = "/";
+    for (const UriPathSegmentA* segment = uri.pathHead; segment != nullptr; segment = segment->next) {
+        if (segment != uri.pathHead || rooted) encoded += '/';
+        encoded += rangeText(segment->text);
+    }
+    if (percentDecode(encoded)) {
+        if (encoded.find_first_of(std::string_view("\0\r\n", 3)) != std::string::npos) return false;
+        path = removeDotSegments(encoded);
     }
     splitQuery(rangeText(uri.query), query, true);
+    return true;
 }
 
 std::string percentEncodeForQuery(std::string_view text) {

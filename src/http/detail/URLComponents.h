@@ -9,8 +9,9 @@ namespace orvel::http::detail {
 
 // Splits a URL reference (a request target or a route's path text) into its percent-decoded,
 // dot-segment-free path and its query items, the way both requests and routes read them.
-// Text that is not an RFC 3986 reference gives an empty path and no query items.
-void parseURLReference(std::string_view text, std::string& path, std::vector<HTTPRequest::QueryItem>& query);
+// Text that is not an RFC 3986 reference gives an empty path and no query items. False (and an
+// empty path) when the decoded path holds NUL, CR or LF: no such path is ever handed on.
+bool parseURLReference(std::string_view text, std::string& path, std::vector<HTTPRequest::QueryItem>& query);
 
 // Percent-encodes every byte outside the characters a URL query may hold (unreserved,
 // sub-delimiters, ":", "@", "/" and "?").
