@@ -5,7 +5,9 @@
 #include "app/AudioCaptureError.h"
 #include "app/StreamCount.h"
 #include "async/Error.h"
+#include "async/Sleep.h"
 #include "async/Spawn.h"
+#include "async/TaskGroup.h"
 
 #include <exception>
 #include <optional>
@@ -28,29 +30,71 @@ std::optional<AudioCaptureConfig> decodeConfiguration(const std::optional<WSMess
     }
 }
 
+// Seconds of audio a page that does not read may leave unsent before it is dropped.
+constexpr std::int64_t sendBudgetSeconds = 10;
+
+async::Task<std::optional<WSMessage>> nextMessage(async::AsyncStream<WSMessage>* incoming) {
+    co_return co_await incoming->next();
+}
+
+async::Task<std::optional<WSMessage>> nothingAfter(std::chrono::nanoseconds limit) {
+    co_await async::sleep(limit);
+    co_return std::nullopt;
+}
+
+// The first message, or nothing when none comes within `limit`.
+async::Task<std::optional<WSMessage>> firstMessage(async::AsyncStream<WSMessage>& incoming,
+                                                   std::chrono::nanoseconds limit) {
+    async::TaskGroup<std::optional<WSMessage>> race;
+    race.add(nextMessage(&incoming));
+    race.add(nothingAfter(limit));
+    auto first = co_await race.nextResult();
+    race.cancelAll();
+    (void)co_await race.nextResult();
+    if (!first || first->hasError()) co_return std::nullopt;
+    co_return first->get();
+}
+
+// Later messages change nothing, but unread they would pile up for the connection's life.
+async::Task<void> dropMessages(async::AsyncStream<WSMessage> incoming) {
+    while (auto message = co_await incoming.next()) {
+    }
+}
+
 }  // namespace
 
 OrvelMessageHandler::OrvelMessageHandler()
     : OrvelMessageHandler([](std::int64_t rate) { return startAudioCapture(rate); }, appLogger()) {}
 
-OrvelMessageHandler::OrvelMessageHandler(CaptureStart startCapture, net::Logger logger)
-    : startCapture_(std::move(startCapture)), logger_(std::move(logger)) {}
+OrvelMessageHandler::OrvelMessageHandler(CaptureStart startCapture, net::Logger logger,
+                                         std::chrono::nanoseconds configurationTimeout)
+    : startCapture_(std::move(startCapture)), logger_(std::move(logger)), configurationTimeout_(configurationTimeout) {}
 
 async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(async::AsyncStream<WSMessage> incoming) {
+    return makeMessages(std::move(incoming), nullptr);
+}
+
+async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(async::AsyncStream<WSMessage> incoming,
+                                                                             SetSendBudget setSendBudget) {
     auto [messages, continuation] = async::AsyncStream<WSMessage>::make();
-    auto task = async::spawn(streamAudio(std::move(incoming), continuation, startCapture_, logger_));
+    auto task = async::spawn(streamAudio(std::move(incoming), continuation, startCapture_, logger_,
+                                         configurationTimeout_, std::move(setSendBudget)));
     continuation.onTermination([task](async::Termination) { task.cancel(); });
     co_return std::move(messages);
 }
 
 async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::AsyncStream<WSMessage>::Continuation outgoing,
-                              CaptureStart startCapture, net::Logger logger) {
-    auto configuration = decodeConfiguration(co_await incoming.next());
+                              CaptureStart startCapture, net::Logger logger, std::chrono::nanoseconds configurationTimeout,
+                              http::WSMessageHandler::SetSendBudget setSendBudget) {
+    auto configuration = decodeConfiguration(co_await firstMessage(incoming, configurationTimeout));
     if (!configuration) {
         logger->logError("Could not parse configuration, closing WebSocket connection.");
         outgoing.finish();
         co_return;
     }
+
+    async::TaskGroup<void> draining;
+    draining.add(dropMessages(std::move(incoming)));
 
     auto& count = currentStreamCount();
     count.increment();
@@ -69,6 +113,8 @@ async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::Asy
         buffer.reserve(2 * chunk);
 
         auto capture = co_await startCapture(rate);
+        // The capture took the rate, so it is small enough to multiply.
+        if (setSendBudget) setSendBudget(static_cast<std::size_t>(rate) * 2 * sendBudgetSeconds);
         while (auto bytes = co_await capture.next()) {
             buffer.insert(buffer.end(), bytes->begin(), bytes->end());
             std::size_t sent = 0;
@@ -95,6 +141,8 @@ async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::Asy
     }
     outgoing.finish();
     count.decrement();
+    draining.cancelAll();
+    (void)co_await draining.nextResult();
 }
 
 }  // namespace orvel

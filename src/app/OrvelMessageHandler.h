@@ -6,6 +6,7 @@
 #include "http/WSMessageHandler.h"
 #include "net/Logging.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 
@@ -14,6 +15,10 @@ namespace orvel {
 // How a stream gets its capture: startAudioCapture in the application; tests pass a fake.
 using CaptureStart = std::function<async::Task<AudioCaptureStream>(std::int64_t sampleRate)>;
 
+// A page that has not sent its configuration within this time is refused like one that sent
+// an invalid one.
+inline constexpr std::chrono::seconds defaultConfigurationTimeout{60};
+
 // The WebSocket behind the catch-all route: the page's first message configures a capture,
 // whose 16-bit samples go back as data messages of 100 ms each until the capture or the
 // connection ends. Shared by every connection; each gets its own streaming task.
@@ -21,22 +26,31 @@ class OrvelMessageHandler final : public http::WSMessageHandler {
 public:
     // The machine's capture and the application's log.
     OrvelMessageHandler();
-    OrvelMessageHandler(CaptureStart startCapture, net::Logger logger);
+    OrvelMessageHandler(CaptureStart startCapture, net::Logger logger,
+                        std::chrono::nanoseconds configurationTimeout = defaultConfigurationTimeout);
 
     // Returns the outgoing messages at once; a spawned streamAudio fills them. When the consumer
-    // drops the outgoing sequence (the connection closed) the task is cancelled.
+    // drops the outgoing sequence (the connection closed) the task is cancelled. With
+    // setSendBudget, a connection may hold 10 s of its stream's audio for a page that does not
+    // read.
     async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage> incoming) override;
+    async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage> incoming,
+                                                                  SetSendBudget setSendBudget) override;
 
 private:
     CaptureStart startCapture_;
     net::Logger logger_;
+    std::chrono::nanoseconds configurationTimeout_;
 };
 
-// One connection's stream: reads the configuration, counts itself in currentStreamCount while
-// capturing, cuts the capture's bytes into messages of (rate / 10) x 2 bytes, sends a shorter
-// last one when the capture ends normally, and finishes `outgoing`. Never throws.
+// One connection's stream: reads the configuration (waiting at most configurationTimeout),
+// counts itself in currentStreamCount while capturing, drops every later incoming message, cuts
+// the capture's bytes into messages of (rate / 10) x 2 bytes, sends a shorter last one when the
+// capture ends normally, and finishes `outgoing`. Never throws.
 async::Task<void> streamAudio(async::AsyncStream<http::WSMessage> incoming,
                               async::AsyncStream<http::WSMessage>::Continuation outgoing, CaptureStart startCapture,
-                              net::Logger logger);
+                              net::Logger logger,
+                              std::chrono::nanoseconds configurationTimeout = defaultConfigurationTimeout,
+                              http::WSMessageHandler::SetSendBudget setSendBudget = nullptr);
 
 }  // namespace orvel

@@ -1,10 +1,14 @@
 #pragma once
+#include "async/Cancellation.h"
+#include "async/Continuation.h"
 #include "async/Executor.h"
+#include "async/Task.h"
 #include "async/detail/TaskContext.h"
 
 #include <atomic>
 #include <cassert>
 #include <coroutine>
+#include <cstddef>
 #include <deque>
 #include <exception>
 #include <functional>
@@ -21,9 +25,14 @@ enum class Termination { finished, cancelled };
 namespace detail {
 
 // The shared state of one stream: an unbounded buffer, the end, and the one waiting consumer.
+// With a weight function it also sums the weights of the buffered elements, so that a producer
+// can wait until its consumer has caught up.
 template <class T>
 class StreamState {
 public:
+    using Weigh = std::size_t (*)(const T&);
+    explicit StreamState(Weigh weigh) : weigh_(weigh) {}
+
     struct Waiter : CancellationNode {
         std::coroutine_handle<> handle;
         Executor* executor = nullptr;
@@ -42,10 +51,31 @@ public:
                 waiter = std::exchange(waiter_, nullptr);
                 waiter->element.emplace(std::move(element));
             } else {
+                if (weigh_) buffered_ += weigh_(element);
                 buffer_.push_back(std::move(element));
             }
         }
         if (waiter) resume(*waiter);
+    }
+
+    // The producer's side: false when at most `limit` is buffered or the stream has ended;
+    // otherwise `room` is resumed once the consumer has taken enough, or at the end.
+    bool waitForRoom(std::size_t limit, Continuation<void> room) {
+        std::lock_guard lock(mutex_);
+        // Cancellation sets its flag before it runs handlers: seen here, or the handler finds us.
+        if (terminated_ || buffered_ <= limit || isCancelled()) return false;
+        roomLimit_ = limit;
+        room_ = room;
+        return true;
+    }
+    // The waiting producer was cancelled: resumes it unless that happened already.
+    void cancelRoom() {
+        Continuation<void> room;
+        {
+            std::lock_guard lock(mutex_);
+            room = std::exchange(room_, {});
+        }
+        if (room.isValid()) room.resume();
     }
 
     void finish(std::exception_ptr error) { terminate(Termination::finished, std::move(error)); }
@@ -68,6 +98,8 @@ public:
         if (!buffer_.empty()) {
             waiter.element.emplace(std::move(buffer_.front()));
             buffer_.pop_front();
+            if (weigh_) buffered_ -= weigh_(*waiter.element);
+            if (room_.isValid() && buffered_ <= roomLimit_) std::exchange(room_, {}).resume();
             return false;
         }
         if (terminated_) {
@@ -104,6 +136,7 @@ private:
             handler = std::move(onTermination_);
             onTermination_ = nullptr;
             if (how == Termination::cancelled) buffer_.clear();
+            if (room_.isValid()) std::exchange(room_, {}).resume();
             if (waiter_ && buffer_.empty()) {
                 waiter = std::exchange(waiter_, nullptr);
                 waiter->error = std::move(error);
@@ -122,6 +155,10 @@ private:
     std::exception_ptr error_;
     std::function<void(Termination)> onTermination_;
     Waiter* waiter_ = nullptr;
+    const Weigh weigh_;
+    std::size_t buffered_ = 0;  // weight of buffer_
+    std::size_t roomLimit_ = 0;
+    Continuation<void> room_;  // the producer waiting for the buffer to drain
 };
 
 template <class T, bool Throwing>
@@ -143,6 +180,20 @@ public:
         // Runs exactly once: when the stream is finished, or when its consumer is cancelled or goes away.
         void onTermination(std::function<void(Termination)> handler) const { state_->setOnTermination(std::move(handler)); }
 
+        // For a stream made with a weight function: returns once the buffered elements weigh at
+        // most `limit`, or the stream has ended. Throws CancellationError when the calling task
+        // is cancelled.
+        Task<void> waitUntilBufferedAtMost(std::size_t limit) const {
+            State* state = state_.get();
+            {
+                CancellationHandler onCancel([state] { state->cancelRoom(); });
+                co_await withCheckedContinuation<void>([state, limit](async::Continuation<void> room) {
+                    if (!state->waitForRoom(limit, room)) room.resume();
+                });
+            }
+            checkCancellation();
+        }
+
     private:
         friend class BasicStream;
         explicit Continuation(std::shared_ptr<State> state) : state_(std::move(state)) {}
@@ -150,7 +201,8 @@ public:
     };
 
     struct Pair;
-    static Pair make();
+    // `weigh`, when given, tells what an element weighs for waitUntilBufferedAtMost.
+    static Pair make(typename State::Weigh weigh = nullptr);
 
     BasicStream(BasicStream&&) noexcept = default;
     BasicStream& operator=(BasicStream&& other) noexcept {
@@ -220,8 +272,8 @@ struct BasicStream<T, Throwing>::Pair {
 };
 
 template <class T, bool Throwing>
-typename BasicStream<T, Throwing>::Pair BasicStream<T, Throwing>::make() {
-    auto state = std::make_shared<State>();
+typename BasicStream<T, Throwing>::Pair BasicStream<T, Throwing>::make(typename State::Weigh weigh) {
+    auto state = std::make_shared<State>(weigh);
     return Pair{BasicStream(state), Continuation(state)};
 }
 

@@ -26,7 +26,6 @@ template <class Emit>
 void forEachFrame(WSMessage message, std::size_t frameSize, Emit&& emit) {
     const Opcode first = message.isText() ? Opcode::text : Opcode::binary;
     auto payload = std::move(message).takeBytes();
-    if (payload.empty()) return;
     if (payload.size() <= frameSize) {
         // The common case costs no copy: the message's bytes become the frame's payload.
         emit(WSFrame{.fin = true, .opcode = first, .payload = std::move(payload)});
@@ -58,10 +57,12 @@ async::Task<void> readFrames(std::shared_ptr<WSFrameSequence> incoming, MessageI
                                           complete->payload.size());
                     if (!detail::isValidUTF8(text)) throw FrameError::invalid("Invalid UTF8 Sequence");
                     messages.yield(WSMessage::text(std::string(text)));
+                    co_await messages.waitUntilBufferedAtMost(MessageFrameWSHandler::maxUnreadIncoming);
                     break;
                 }
                 case Opcode::binary:
                     messages.yield(WSMessage::data(std::move(complete->payload)));
+                    co_await messages.waitUntilBufferedAtMost(MessageFrameWSHandler::maxUnreadIncoming);
                     break;
                 case Opcode::ping:
                     complete->opcode = Opcode::pong;
@@ -84,14 +85,13 @@ async::Task<void> readFrames(std::shared_ptr<WSFrameSequence> incoming, MessageI
     // Decided before anything below can end the application's messages: ending them ends the
     // writer, and the producer then cancels this reader.
     const bool cancelled = async::isCancelled();
+    // The close goes last in one step: the writer may be yielding data at this very moment.
     if (peerClosed) {
-        frames.yield(WSFrame::close("Goodbye"));
-        frames.finish();
+        frames.yieldLast(WSFrame::close("Goodbye"));
     } else if (cancelled) {
         // Cancelled because the application's messages ended (or nobody reads the frames any
         // more, when this goes nowhere): a normal closure, whatever the interrupted read raised.
-        frames.yield(WSFrame::close());
-        frames.finish();
+        frames.yieldLast(WSFrame::close());
     } else if (failure) {
         frames.finish(failure);
     } else {
@@ -103,7 +103,10 @@ async::Task<void> readFrames(std::shared_ptr<WSFrameSequence> incoming, MessageI
 
 // Turns the application's messages into frames until they end. Never ends the frames itself.
 async::Task<void> writeMessages(async::AsyncStream<WSMessage> outgoing, FrameOut frames, std::size_t frameSize) {
-    while (auto message = co_await outgoing.next()) {
+    // A cancelled writer stops even when messages keep coming and it never has to wait for one.
+    while (!async::isCancelled()) {
+        auto message = co_await outgoing.next();
+        if (!message) break;
         forEachFrame(std::move(*message), frameSize, [&](WSFrame frame) { frames.yield(std::move(frame)); });
     }
 }
@@ -121,18 +124,24 @@ async::Task<void> produceFrames(std::shared_ptr<WSFrameSequence> incoming, Messa
 
 }  // namespace
 
-MessageFrameWSHandler::MessageFrameWSHandler(std::shared_ptr<WSMessageHandler> handler, std::int64_t frameSize)
-    : handler(std::move(handler)), frameSize(frameSize) {
+MessageFrameWSHandler::MessageFrameWSHandler(std::shared_ptr<WSMessageHandler> handler, std::int64_t frameSize,
+                                             std::size_t maxSendBacklog)
+    : handler(std::move(handler)), frameSize(frameSize), maxSendBacklog(maxSendBacklog) {
     // A frame size of 0 would cut a message into infinitely many empty frames.
     if (frameSize < 1) throw std::invalid_argument("MessageFrameWSHandler: frameSize must be at least 1");
     assert(this->handler);
 }
 
 async::Task<WSFrameStream> MessageFrameWSHandler::makeFrames(std::shared_ptr<WSFrameSequence> incoming) {
-    auto [incomingMessages, messageProducer] = async::AsyncStream<WSMessage>::make();
-    auto outgoingMessages = co_await handler->makeMessages(std::move(incomingMessages));
+    auto [incomingMessages, messageProducer] =
+        async::AsyncStream<WSMessage>::make([](const WSMessage& message) { return message.bytes().size(); });
+    auto [frames, frameProducer] = WSFrameStream::make(maxSendBacklog);
+    // Named before the co_await: g++ 12 destroys a lambda written inside one twice.
+    WSMessageHandler::SetSendBudget setSendBudget = [budget = frameProducer](std::size_t bytes) {
+        budget.setMaxBacklog(bytes);
+    };
+    auto outgoingMessages = co_await handler->makeMessages(std::move(incomingMessages), std::move(setSendBudget));
 
-    auto [frames, frameProducer] = WSFrameStream::make();
     auto producer = async::spawn(produceFrames(std::move(incoming), std::move(messageProducer),
                                                std::move(outgoingMessages), frameProducer,
                                                static_cast<std::size_t>(frameSize)));

@@ -14,7 +14,8 @@ namespace orvel::http {
 
 // The WSHandler that speaks in messages: reassembles and checks incoming frames, hands text and
 // data to a WSMessageHandler, answers pings, answers the peer's close, and cuts outgoing
-// messages into frames of at most frameSize payload bytes. Holds no per-connection state, so
+// messages into frames of at most frameSize payload bytes. A close frame is always the last
+// frame out. Holds no per-connection state, so
 // one instance serves any number of connections.
 class MessageFrameWSHandler final : public WSHandler {
 public:
@@ -31,17 +32,24 @@ public:
         Kind kind_;
     };
 
-    // frameSize must be at least 1.
-    MessageFrameWSHandler(std::shared_ptr<WSMessageHandler> handler, std::int64_t frameSize);
+    // The reader stops taking frames while the handler has this much of incoming messages
+    // unread: a slow application cannot make a fast peer grow our memory.
+    static constexpr std::size_t maxUnreadIncoming = 16 * 1024 * 1024;
+
+    // frameSize must be at least 1. maxSendBacklog is each connection's budget of outgoing
+    // bytes not yet written, until its handler sets another.
+    MessageFrameWSHandler(std::shared_ptr<WSMessageHandler> handler, std::int64_t frameSize,
+                          std::size_t maxSendBacklog = WSFrameStream::defaultMaxBacklog);
 
     async::Task<WSFrameStream> makeFrames(std::shared_ptr<WSFrameSequence> incoming) override;
 
     // The frames one outgoing message becomes: text or binary first, continuations after, fin on
-    // the last, none for an empty message. Text is cut at byte boundaries.
+    // the last; an empty message is one empty frame. Text is cut at byte boundaries.
     static std::vector<WSFrame> frames(WSMessage message, std::size_t frameSize);
 
     const std::shared_ptr<WSMessageHandler> handler;
     const std::int64_t frameSize;
+    const std::size_t maxSendBacklog;
 };
 
 }  // namespace orvel::http

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -32,7 +33,8 @@ async::Task<std::optional<WSFrame>> WSConnectionFrames::next() {
     try {
         // A frame over the message limit is refused before its payload is read: the limit
         // bounds what one connection can make us hold.
-        frame = co_await WSFrameEncoder::decode(reader_, WSFrameValidator::maxMessageSize);
+        frame = co_await WSFrameEncoder::decode(reader_, WSFrameValidator::maxMessageSize,
+                                                WSFrameEncoder::Masking::required);
     } catch (const net::SocketError& error) {
         if (error.kind() != net::SocketError::Kind::disconnected) failure = std::current_exception();
     } catch (...) {
@@ -61,6 +63,12 @@ async::Task<void> WSConnectionFrames::stop() {
 async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSHandler> handler, std::string header) {
     auto incoming = std::make_shared<WSConnectionFrames>(connection.reader());
     std::optional<WSFrameStream> frames(co_await handler->makeFrames(incoming));
+    frames->onOverflow([logger = connection.logger(), host = connection.hostname()](std::size_t budget) {
+        logger->logWarning([&] {
+            return "<" + host + "> WebSocket client too slow: more than " + std::to_string(budget) +
+                   " bytes not sent, closing the connection";
+        });
+    });
 
     std::exception_ptr failure;
     try {
@@ -85,6 +93,7 @@ async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSH
                 WSFrameEncoder::encode(*more, bytes);
             }
             co_await connection.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+            frames->written(bytes.size());
         }
     } catch (...) {
         failure = std::current_exception();

@@ -5,15 +5,16 @@
 namespace orvel::http {
 
 WSFrame WSFrame::close(std::optional<std::string_view> reason, std::optional<Mask> mask) {
+    if (!reason) return close(1000, {}, mask);  // normal closure
+    return close(1002, *reason, mask);            // protocol error
+}
+
+WSFrame WSFrame::close(std::uint16_t code, std::string_view reason, std::optional<Mask> mask) {
     WSFrame frame{.fin = true, .opcode = Opcode::close, .mask = mask};
-    if (!reason) {
-        frame.payload = {0x03, 0xE8};  // 1000, normal closure
-        return frame;
-    }
-    frame.payload.reserve(2 + reason->size());
-    frame.payload.push_back(0x03);  // 1002, protocol error
-    frame.payload.push_back(0xEA);
-    frame.payload.insert(frame.payload.end(), reason->begin(), reason->end());
+    frame.payload.reserve(2 + reason.size());
+    frame.payload.push_back(static_cast<std::uint8_t>(code >> 8));
+    frame.payload.push_back(static_cast<std::uint8_t>(code & 0xFF));
+    frame.payload.insert(frame.payload.end(), reason.begin(), reason.end());
     return frame;
 }
 

@@ -44,6 +44,8 @@ struct WSFrame {
     // with one (the system's reasons, "Protocol Error" and "Goodbye", both go out as 1002).
     static WSFrame close(std::optional<std::string_view> reason = std::nullopt,
                          std::optional<Mask> mask = std::nullopt);
+    // A close frame with the given status code and reason.
+    static WSFrame close(std::uint16_t code, std::string_view reason, std::optional<Mask> mask = std::nullopt);
 
     friend bool operator==(const WSFrame&, const WSFrame&) = default;
 };

@@ -120,7 +120,8 @@ constexpr std::size_t payloadGrowth = 64 * 1024;
 
 }  // namespace
 
-async::Task<WSFrame> WSFrameEncoder::decode(detail::ConnectionReader& reader, std::uint64_t maxPayloadLength) {
+async::Task<WSFrame> WSFrameEncoder::decode(detail::ConnectionReader& reader, std::uint64_t maxPayloadLength,
+                                            Masking masking) {
     Header header;
     for (;;) {
         std::string_view buffered = reader.buffered();
@@ -133,6 +134,7 @@ async::Task<WSFrame> WSFrameEncoder::decode(detail::ConnectionReader& reader, st
         co_await reader.fill();
     }
     if (header.payloadLength > maxPayloadLength) throw WSFrameValidator::Error::messageTooLarge();
+    if (!header.mask && masking == Masking::required) throw WSFrameValidator::Error::unmaskedFrame();
 
     WSFrame frame{.fin = header.fin, .rsv1 = header.rsv1, .rsv2 = header.rsv2, .rsv3 = header.rsv3,
                   .opcode = header.opcode};

@@ -62,13 +62,19 @@ public:
     // returned; a 64-bit length with the top bit set throws Error before any payload is read.
     static std::variant<Header, NeedBytes> parseHeader(std::span<const std::uint8_t> bytes);
 
+    // Whether a frame must arrive masked: a server requires it of every client frame (RFC 6455
+    // section 5.1).
+    enum class Masking { optional, required };
+
     // Reads exactly one frame from a connection's bytes and returns it unmasked, without its
     // key. Throws SocketError::disconnected when the bytes end inside the frame, Error for a
-    // length with the top bit set, and WSFrameValidator::Error "Message Too Large" for a payload
-    // over maxPayloadLength, both before any payload is read. The payload buffer grows with the
-    // bytes that arrive, not with the length a peer announces.
+    // length with the top bit set, WSFrameValidator::Error "Message Too Large" for a payload
+    // over maxPayloadLength and "Unmasked Frame" for an unmasked frame when a mask is required,
+    // all before any payload is read. The payload buffer grows with the bytes that arrive, not
+    // with the length a peer announces.
     static async::Task<WSFrame> decode(detail::ConnectionReader& reader,
-                                       std::uint64_t maxPayloadLength = std::numeric_limits<std::uint64_t>::max());
+                                       std::uint64_t maxPayloadLength = std::numeric_limits<std::uint64_t>::max(),
+                                       Masking masking = Masking::optional);
 };
 
 }  // namespace orvel::http

@@ -3,31 +3,87 @@
 #include "async/Cancellation.h"
 #include "async/Continuation.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace orvel::http {
 
 namespace detail {
 
+namespace {
+
+// What a frame takes on the wire, as WSFrameEncoder writes it.
+std::size_t wireSize(const WSFrame& frame) noexcept {
+    const std::size_t length = frame.payload.size();
+    std::size_t header = 2;
+    if (length > 65535) header += 8;
+    else if (length > 125) header += 2;
+    if (frame.mask) header += 4;
+    return header + length;
+}
+
+}  // namespace
+
 void WSFrameQueue::push(WSFrame frame) {
-    std::function<void()> wake;
-    {
-        std::lock_guard lock(mutex_);
-        if (ended_) return;
-        frames_.push_back(std::move(frame));
-        wake = std::exchange(wake_, nullptr);
+    std::unique_lock lock(mutex_);
+    if (ended_) return;
+    backlog_ += wireSize(frame);
+    if (backlog_ > maxBacklog_) {
+        // The peer does not read: what it has not been sent yet is dropped, and it is told why.
+        for (const auto& queued : frames_) backlog_ -= wireSize(queued);
+        frames_.clear();
+        backlog_ -= wireSize(frame);
+        auto overflow = std::exchange(onOverflow_, nullptr);
+        const std::size_t budget = maxBacklog_;
+        end(lock, WSFrame::close(1008, "Client too slow"), nullptr);  // unlocks
+        if (overflow) overflow(budget);
+        return;
     }
+    frames_.push_back(std::move(frame));
+    auto wake = std::exchange(wake_, nullptr);
+    lock.unlock();
     if (wake) wake();
+}
+
+void WSFrameQueue::pushLast(WSFrame frame) {
+    std::unique_lock lock(mutex_);
+    end(lock, std::move(frame), nullptr);
 }
 
 void WSFrameQueue::finish(std::exception_ptr error) {
     std::unique_lock lock(mutex_);
-    if (ended_) return;
+    end(lock, std::nullopt, std::move(error));
+}
+
+void WSFrameQueue::end(std::unique_lock<std::mutex>& lock, std::optional<WSFrame> last, std::exception_ptr error) {
+    if (ended_) {
+        lock.unlock();
+        return;
+    }
     ended_ = true;
     error_ = std::move(error);
+    if (last) {
+        backlog_ += wireSize(*last);
+        frames_.push_back(std::move(*last));
+    }
     auto wake = std::exchange(wake_, nullptr);
     terminate(lock);  // unlocks
     if (wake) wake();
+}
+
+void WSFrameQueue::setMaxBacklog(std::size_t bytes) {
+    std::lock_guard lock(mutex_);
+    maxBacklog_ = bytes;
+}
+
+void WSFrameQueue::written(std::size_t bytes) {
+    std::lock_guard lock(mutex_);
+    backlog_ -= std::min(bytes, backlog_);
+}
+
+void WSFrameQueue::setOnOverflow(std::function<void(std::size_t)> handler) {
+    std::lock_guard lock(mutex_);
+    onOverflow_ = std::move(handler);
 }
 
 void WSFrameQueue::consumerGone() {
@@ -112,8 +168,8 @@ async::Task<std::optional<WSFrame>> WSFrameQueue::pop() {
 
 }  // namespace detail
 
-WSFrameStream::Pair WSFrameStream::make() {
-    auto queue = std::make_shared<detail::WSFrameQueue>();
+WSFrameStream::Pair WSFrameStream::make(std::size_t maxBacklog) {
+    auto queue = std::make_shared<detail::WSFrameQueue>(maxBacklog);
     return Pair{WSFrameStream(queue), Continuation(queue)};
 }
 

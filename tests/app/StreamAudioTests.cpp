@@ -180,5 +180,40 @@ TEST_F(StreamAudio, AConnectionThatGoesAwayCancelsTheStreamAndEndsTheCapture) {
     EXPECT_THAT(logger_->lines(), IsEmpty());
 }
 
+TEST_F(StreamAudio, APageSilentPastTheConfigurationTimeIsRefusedLikeABadConfiguration) {
+    auto [incoming, in] = async::AsyncStream<WSMessage>::make();  // kept open: the page says nothing
+    auto [outgoing, out] = async::AsyncStream<WSMessage>::make();
+    auto streaming = async::spawn(
+        streamAudio(std::move(incoming), out, startingWith(fake_), logger_, std::chrono::milliseconds(20)));
+    EXPECT_TRUE(test::waitUntil([&] { return streaming.isFinished(); }));
+    in.finish();  // lets a stream that missed its time end, so the test does too
+    streaming.wait();
+    EXPECT_THAT(async::syncWait(collect(std::move(outgoing))), IsEmpty());
+    EXPECT_THAT(logger_->lines(), ElementsAre("error: Could not parse configuration, closing WebSocket connection."));
+}
+
+async::Task<void> readOut(async::AsyncStream<WSMessage>::Continuation incoming) {
+    co_await incoming.waitUntilBufferedAtMost(0);
+}
+
+TEST_F(StreamAudio, LaterMessagesAreReadAndDroppedAndAPageMayLeaveTenSecondsOfAudioUnread) {
+    auto [incoming, in] = async::AsyncStream<WSMessage>::make([](const WSMessage& m) { return m.bytes().size(); });
+    in.yield(config48k);
+    for (int i = 0; i < 3; ++i) in.yield(WSMessage::text(R"({"type": "loopback", "sample_rate": 8000})"));
+    std::atomic<std::size_t> budget{0};
+    OrvelMessageHandler handler(startingWith(fake_), logger_);
+    auto outgoing = async::syncWait(handler.makeMessages(std::move(incoming), [&](std::size_t bytes) { budget = bytes; }));
+    auto reading = async::spawn(readOut(in));
+    EXPECT_TRUE(test::waitUntil([&] { return reading.isFinished(); })) << "later messages stay unread";
+    EXPECT_TRUE(test::waitUntil([&] { return budget == 48000u * 2 * 10; }));
+    fake_->feed->yield(bytes(9600));
+    EXPECT_EQ(drainOne(outgoing), 9600u) << "the stream goes on";
+    { auto gone = std::move(outgoing); }
+    in.finish();
+    reading.wait();
+    EXPECT_TRUE(test::waitUntil([&] { return fake_->terminated->load() && currentStreamCount().value() == 0; }));
+    EXPECT_THAT(fake_->startedRates, ElementsAre(48000));
+}
+
 }  // namespace
 }  // namespace orvel

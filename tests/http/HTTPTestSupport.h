@@ -139,7 +139,9 @@ private:
 // A blocking loopback client speaking HTTP and, after an upgrade, WebSocket frames.
 class LoopbackClient {
 public:
-    explicit LoopbackClient(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    // A receiveBuffer other than 0 sets SO_RCVBUF: a peer that does not read fills up sooner.
+    explicit LoopbackClient(std::uint16_t port, int receiveBuffer = 0) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        if (receiveBuffer > 0) ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
         timeval guard{static_cast<time_t>(hangGuard.count()), 0};
         ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
         int one = 1;
@@ -148,6 +150,7 @@ public:
         EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << std::strerror(errno);
     }
     ~LoopbackClient() { ::close(fd_); }
+    int fd() const noexcept { return fd_; }
     LoopbackClient(const LoopbackClient&) = delete;
     LoopbackClient& operator=(const LoopbackClient&) = delete;
 

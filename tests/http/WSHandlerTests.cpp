@@ -1,6 +1,7 @@
 #include "http/MessageFrameWSHandler.h"
 
 #include "HTTPTestSupport.h"
+#include "async/Sleep.h"
 #include "async/Spawn.h"
 #include "http/WSFrameValidator.h"
 
@@ -74,8 +75,8 @@ TEST(WSOutgoingFraming, CutsMessagesIntoFramesOfAtMostFrameSize) {
                                     frame(Opcode::continuation, true, Bytes(7232, 7))));
     EXPECT_THAT(MessageFrameWSHandler::frames(WSMessage::data(Bytes(16384, 1)), 16384),
                 ElementsAre(frame(Opcode::binary, true, Bytes(16384, 1))));
-    EXPECT_TRUE(MessageFrameWSHandler::frames(WSMessage::text(""), 16384).empty());
-    EXPECT_TRUE(MessageFrameWSHandler::frames(WSMessage::data({}), 1).empty());
+    EXPECT_THAT(MessageFrameWSHandler::frames(WSMessage::text(""), 16384), ElementsAre(frame(Opcode::text, true)));
+    EXPECT_THAT(MessageFrameWSHandler::frames(WSMessage::data({}), 1), ElementsAre(frame(Opcode::binary, true)));
     // Text is cut at byte boundaries, even inside a character (61 C3 A9).
     EXPECT_THAT(MessageFrameWSHandler::frames(WSMessage::text("aé"), 2),
                 ElementsAre(frame(Opcode::text, false, {0x61, 0xC3}), frame(Opcode::continuation, true, {0xA9})));
@@ -128,6 +129,118 @@ TEST(WSOutgoingFrameStream, TerminationRunsOnceWhenTheReaderIsCancelledOrDropsTh
         producer.onTermination([&] { ++terminations; });
     }
     EXPECT_EQ(terminations.load(), 2);
+}
+
+TEST(WSOutgoingFrameStream, ABacklogPastItsBudgetDropsWhatIsQueuedAndEndsWithClientTooSlow) {
+    const WSFrame tooSlow = WSFrame::close(1008, "Client too slow");
+    EXPECT_THAT(tooSlow.payload, ElementsAre(0x03, 0xF0, 'C', 'l', 'i', 'e', 'n', 't', ' ', 't', 'o', 'o', ' ', 's',
+                                             'l', 'o', 'w'));
+    auto [frames, producer] = WSFrameStream::make(1000);  // a 100-byte payload takes 102 bytes
+    std::vector<std::size_t> overflows;
+    frames.onOverflow([&](std::size_t budget) { overflows.push_back(budget); });
+    for (int i = 0; i < 9; ++i) producer.yield(frame(Opcode::binary, true, Bytes(100)));
+    ASSERT_TRUE(frames.tryNext());
+    ASSERT_TRUE(frames.tryNext());
+    frames.written(102);  // one of the two taken is written: 816 bytes count
+    producer.yield(frame(Opcode::binary, true, Bytes(100)));
+    producer.yield(frame(Opcode::binary, true, Bytes(80)));  // 1000: at the budget
+    EXPECT_TRUE(overflows.empty());
+    producer.setMaxBacklog(1002);
+    producer.yield(frame(Opcode::pong, true, Bytes(1)));  // pongs count too: 1003
+    EXPECT_THAT(overflows, ElementsAre(1002));
+    producer.yield(frame(Opcode::binary, true, Bytes(1)));  // after the end: dropped
+    EXPECT_EQ(async::syncWait(nextOf(&frames)), tooSlow);
+    EXPECT_FALSE(async::syncWait(nextOf(&frames)));
+}
+
+// Sends bursts of messages until the connection stops taking them, pausing between bursts so
+// that it shares its thread.
+async::Task<void> chatter(async::AsyncStream<WSMessage>::Continuation out, std::shared_ptr<std::atomic<bool>> over) {
+    while (!over->load()) {
+        for (int i = 0; i < 16; ++i) out.yield(WSMessage::data({1}));
+        co_await async::sleep(std::chrono::microseconds(20));
+    }
+}
+
+class ChattyHandler final : public WSMessageHandler {
+public:
+    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage>) override {
+        auto [out, producer] = async::AsyncStream<WSMessage>::make();
+        auto over = std::make_shared<std::atomic<bool>>(false);
+        producer.onTermination([over](async::Termination) { *over = true; });
+        (void)async::spawn(chatter(producer, over));
+        co_return std::move(out);
+    }
+};
+
+TEST(WSMessageExchange, NothingFollowsTheCloseReplyEvenWhileTheApplicationSends) {
+    for (int round = 0; round < 1000; ++round) {
+        auto out = async::syncWait(run(std::make_shared<ChattyHandler>(), {frame(Opcode::close, true, {0x03, 0xE8})}));
+        ASSERT_FALSE(out.empty());
+        ASSERT_EQ(out.back(), WSFrame::close("Goodbye")) << "round " << round << ", " << out.size() << " frames";
+    }
+}
+
+// Hands out `count` binary frames of 1 MiB, then the peer's close; notes how many messages the
+// application had read when each frame was taken, and opens `gate` once 17 are taken.
+class MegabyteFrames final : public WSFrameSequence {
+public:
+    MegabyteFrames(std::size_t count, async::AsyncStream<int>::Continuation gate) : count_(count), gate_(gate) {}
+    async::Task<std::optional<WSFrame>> next() override {
+        if (taken.size() == count_) co_return frame(Opcode::close, true);
+        taken.push_back(read->load());
+        if (taken.size() == 17) gate_.finish();
+        co_return frame(Opcode::binary, true, Bytes(1024 * 1024));
+    }
+    std::shared_ptr<std::atomic<std::size_t>> read = std::make_shared<std::atomic<std::size_t>>(0);
+    std::vector<std::size_t> taken;  // looked at once the frames have ended
+
+private:
+    std::size_t count_;
+    async::AsyncStream<int>::Continuation gate_;
+};
+
+async::Task<void> readLate(async::AsyncStream<WSMessage> incoming, async::AsyncStream<int> gate,
+                           std::shared_ptr<std::atomic<std::size_t>> read) {
+    while (auto opened = co_await gate.next()) {
+    }
+    while (auto message = co_await incoming.next()) ++*read;
+}
+
+// Reads nothing until the gate opens, then everything.
+class LateReader final : public WSMessageHandler {
+public:
+    LateReader(async::AsyncStream<int> gate, std::shared_ptr<std::atomic<std::size_t>> read)
+        : gate_(std::move(gate)), read_(std::move(read)) {}
+    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage> incoming) override {
+        auto [out, producer] = async::AsyncStream<WSMessage>::make();
+        producer_.emplace(producer);
+        (void)async::spawn(readLate(std::move(incoming), std::move(*gate_), read_));
+        co_return std::move(out);
+    }
+
+private:
+    std::optional<async::AsyncStream<int>> gate_;
+    std::shared_ptr<std::atomic<std::size_t>> read_;
+    std::optional<async::AsyncStream<WSMessage>::Continuation> producer_;
+};
+
+async::Task<std::vector<WSFrame>> collect(MessageFrameWSHandler* handler, std::shared_ptr<WSFrameSequence> incoming) {
+    auto frames = co_await handler->makeFrames(std::move(incoming));
+    std::vector<WSFrame> out;
+    while (auto f = co_await frames.next()) out.push_back(std::move(*f));
+    co_return out;
+}
+
+TEST(WSMessageExchange, TheReaderWaitsWhileTheApplicationHasMoreThan16MiBUnread) {
+    auto [gate, opener] = async::AsyncStream<int>::make();
+    auto frames = std::make_shared<MegabyteFrames>(40, opener);
+    MessageFrameWSHandler handler(std::make_shared<LateReader>(std::move(gate), frames->read), 16384);
+    EXPECT_THAT(async::syncWait(collect(&handler, frames)), ElementsAre(WSFrame::close("Goodbye")));
+    ASSERT_EQ(frames->taken.size(), 40u);
+    // Frame k is taken only once no more than 16 MiB of the k before it are unread (one more
+    // may be on its way to the application, taken but not yet counted).
+    for (std::size_t k = 0; k < frames->taken.size(); ++k) EXPECT_GE(frames->taken[k] + 17, k) << "frame " << k;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "HTTPTestSupport.h"
 #include "async/Spawn.h"
+#include "http/MessageFrameWSHandler.h"
 #include "http/WebSocketHTTPHandler.h"
 #include "net/FdLeakCheck.h"
 
@@ -17,7 +18,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
+#include <tuple>
 #include <vector>
 
 extern char** environ;
@@ -62,9 +65,12 @@ private:
 // A server on 127.0.0.1 with a free port, answering every request with the handler.
 class Server {
 public:
-    explicit Server(Application::Kind kind = Application::Kind::echo)
+    explicit Server(Application::Kind kind = Application::Kind::echo,
+                    std::size_t maxSendBacklog = WSFrameStream::defaultMaxBacklog)
         : server_(net::AnySocketAddress(net::inet("127.0.0.1", 0)), 15, HTTPServer::defaultPool(logger_), logger_,
-                  std::make_shared<WebSocketHTTPHandler>(std::make_shared<Application>(kind), 16384)) {
+                  std::make_shared<WebSocketHTTPHandler>(
+                      std::make_shared<MessageFrameWSHandler>(std::make_shared<Application>(kind), 16384, maxSendBacklog),
+                      std::unordered_set<HTTPMethod>{HTTPMethod::GET})) {
         running_ = async::spawn(server_.run());
         async::syncWait(server_.waitUntilListening(hangGuard.count()));
     }
@@ -134,39 +140,80 @@ TEST_F(WebSocketLoopback, FragmentedMessageWithAPingAndAPongBetweenFragments) {
     EXPECT_EQ(client.readFrame(), frame(Opcode::text, true, bytesOf("fragmented")));
 }
 
-TEST_F(WebSocketLoopback, PeersCloseIsAnsweredWithGoodbyeThenTheConnectionCloses) {
-    Server server;
-    LoopbackClient client(server.port());
-    client.handshake();
-    client.sendFrame(frame(Opcode::close, true, {0x03, 0xE8}));
-    EXPECT_THAT(client.readUntilClosed(), ElementsAre(goodbye));
-    EXPECT_THAT(goodbye.payload, ElementsAre(0x03, 0xEA, 'G', 'o', 'o', 'd', 'b', 'y', 'e'));
-    server.log().waitFor("close connection");
-}
-
-TEST_F(WebSocketLoopback, EachProtocolViolationIsAnsweredWithProtocolErrorThenTheConnectionCloses) {
+// Each row: what the peer sends after the handshake, and every frame it gets before the end.
+TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsCloseFrame) {
     auto masked = [](WSFrame f) {
         f.mask = WSFrame::Mask{1, 2, 3, 4};
         return WSFrameEncoder::encode(f);
     };
-    const std::vector<std::pair<const char*, std::vector<Bytes>>> cases = {
-        {"continuation first", {masked(frame(Opcode::continuation, true, {1}))}},
-        {"second fragmented message", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::binary, false))}},
-        {"fragmented control frame", {masked(frame(Opcode::ping, false))}},
-        {"invalid UTF-8", {masked(frame(Opcode::text, true, {0xC3, 0x28}))}},
-        {"unknown opcode", {masked(frame(static_cast<Opcode>(0x3), true))}},
-        {"reserved control opcode", {masked(frame(static_cast<Opcode>(0xB), true))}},
-        {"length with the top bit set", {{0x82, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4}}},
-        {"message over 16 MiB", {{0x82, 0xFF, 0, 0, 0, 0, 0x01, 0, 0, 1, 1, 2, 3, 4}}},
+    auto close = [&](Bytes payload) { return masked(frame(Opcode::close, true, std::move(payload))); };
+    const std::vector<std::tuple<const char*, std::vector<Bytes>, std::vector<WSFrame>>> cases = {
+        {"peer's close", {close({0x03, 0xE8})}, {goodbye}},
+        {"peer's close without a code", {close({})}, {goodbye}},
+        {"peer's close with a private code and a reason", {close({0x0F, 0xA0, 'o', 'k'})}, {goodbye}},
+        {"ping of 125 bytes, then close", {masked(frame(Opcode::ping, true, Bytes(125, 1))), close({})},
+         {frame(Opcode::pong, true, Bytes(125, 1)), goodbye}},
+        {"continuation first", {masked(frame(Opcode::continuation, true, {1}))}, {protocolError}},
+        {"second fragmented message", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::binary, false))}, {protocolError}},
+        {"whole message inside a fragmented one", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::text, true))}, {protocolError}},
+        {"fragmented control frame", {masked(frame(Opcode::ping, false))}, {protocolError}},
+        {"ping of 126 bytes", {masked(frame(Opcode::ping, true, Bytes(126)))}, {protocolError}},
+        {"reserved bit", {masked(WSFrame{.rsv1 = true, .opcode = Opcode::binary})}, {protocolError}},
+        {"unmasked frame", {WSFrameEncoder::encode(frame(Opcode::binary, true, {1}))}, {protocolError}},
+        {"close of one byte", {close({0x03})}, {protocolError}},
+        {"close code 1005", {close({0x03, 0xED})}, {protocolError}},
+        {"close code 2999", {close({0x0B, 0xB7})}, {protocolError}},
+        {"close reason not UTF-8", {close({0x03, 0xE8, 0xFF})}, {protocolError}},
+        {"invalid UTF-8", {masked(frame(Opcode::text, true, {0xC3, 0x28}))}, {protocolError}},
+        {"unknown opcode", {masked(frame(static_cast<Opcode>(0x3), true))}, {protocolError}},
+        {"reserved control opcode", {masked(frame(static_cast<Opcode>(0xB), true))}, {protocolError}},
+        {"length with the top bit set", {{0x82, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4}}, {protocolError}},
+        {"message over 16 MiB", {{0x82, 0xFF, 0, 0, 0, 0, 0x01, 0, 0, 1, 1, 2, 3, 4}}, {protocolError}},
     };
     Server server;
-    for (const auto& [rule, wire] : cases) {
+    for (const auto& [rule, wire, expected] : cases) {
         LoopbackClient client(server.port());
         client.handshake();
         for (const auto& bytes : wire) client.send(bytes);
-        EXPECT_THAT(client.readUntilClosed(), ElementsAre(protocolError)) << rule;
+        EXPECT_EQ(client.readUntilClosed(), expected) << rule;
     }
+    EXPECT_THAT(goodbye.payload, ElementsAre(0x03, 0xEA, 'G', 'o', 'o', 'd', 'b', 'y', 'e'));
     EXPECT_THAT(protocolError.payload, ElementsAre(0x03, 0xEA, 'P', 'r', 'o', 't', 'o', 'c', 'o', 'l', ' ', 'E', 'r', 'r', 'o', 'r'));
+}
+
+TEST_F(WebSocketLoopback, APeerThatPingsAndNeverReadsIsDroppedOnceItsPongsPassTheBudget) {
+    Server server(Application::Kind::echo, 256 * 1024);
+    LoopbackClient client(server.port(), 4096);
+    client.handshake();
+    const Bytes ping = WSFrameEncoder::encode(
+        WSFrame{.opcode = Opcode::ping, .mask = WSFrame::Mask{1, 2, 3, 4}, .payload = Bytes(125, 7)});
+    std::string pings;
+    for (int i = 0; i < 64; ++i) pings.append(reinterpret_cast<const char*>(ping.data()), ping.size());
+    auto tooSlow = [&] {
+        auto lines = server.log().lines();
+        return std::any_of(lines.begin(), lines.end(), [](const std::string& l) { return l.find("too slow") != l.npos; });
+    };
+    // Pings as fast as the server takes them, never reading, until it gives up on us (at most 64 MiB).
+    std::string_view rest;
+    for (std::size_t sent = 0; !tooSlow() && sent < (64u << 20);) {
+        if (rest.empty()) rest = pings;
+        ssize_t n = ::send(client.fd(), rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n > 0) {
+            rest.remove_prefix(static_cast<std::size_t>(n));
+            sent += static_cast<std::size_t>(n);
+        } else {
+            pollfd writable{client.fd(), POLLOUT, 0};
+            ::poll(&writable, 1, 10);  // the server stopped reading: look at the log again
+        }
+    }
+    EXPECT_EQ(server.log().waitFor("too slow"),
+              "warning: <127.0.0.1> WebSocket client too slow: more than 262144 bytes not sent, closing the connection");
+    // Then the connection ends (the close frame itself may be lost to the reset our unread pings
+    // cause when the server closes: a reader that pauses gets it, see the app's stream test).
+    char chunk[65536];
+    while (::recv(client.fd(), chunk, sizeof chunk, 0) > 0) {
+    }
+    server.log().waitFor("close connection");
 }
 
 TEST_F(WebSocketLoopback, APeerVanishingMidFrameEndsTheConnectionQuietly) {
