@@ -164,7 +164,12 @@ void EPoll::delivered(const std::vector<EventNotification>& notifications) noexc
 
 void EPoll::getNotifications(std::vector<EventNotification>& into) {
     into.clear();
-    const int count = ::epoll_wait(epoll_.get(), received_.get(), eventsLimit_, -1);
+    int count;
+    // A stop and continue (SIGSTOP, a debugger, suspend) ends a wait with EINTR even with every
+    // signal blocked: that is a late wake-up, not a failure.
+    do
+        count = ::epoll_wait(epoll_.get(), received_.get(), eventsLimit_, -1);
+    while (count < 0 && errno == EINTR);
     if (count < 1)
         throw SocketError::failed("epoll epoll_wait", errno);
     for (int i = 0; i < count; ++i) {

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cmath>
 #include <limits>
 
@@ -74,8 +76,15 @@ void Poll::getNotifications(std::vector<EventNotification>& into) {
             list.push_back({entry.file.rawValue, events, 0});
         }
     }
-    if (::poll(list.data(), list.size(), timeoutMilliseconds_) < 0)
-        throw SocketError::failed("poll.getNotifications poll", errno);
+    // An interrupted wait (EINTR, as after a stop and continue) is waited again for the time left.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMilliseconds_);
+    for (int timeout = timeoutMilliseconds_; ::poll(list.data(), list.size(), timeout) < 0;) {
+        if (errno != EINTR)
+            throw SocketError::failed("poll.getNotifications poll", errno);
+        if (timeout > 0)
+            timeout = static_cast<int>(std::max<std::int64_t>(
+                0, std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count()));
+    }
     for (const auto& item : list) {
         EventNotification::Errors errors;
         if (item.revents & POLLHUP)

@@ -76,8 +76,8 @@ public:
 
 private:
     void main() {
-        // Every signal goes to other threads: an interrupted wait would end the loop (EINTR is a
-        // failure like any other).
+        // Every signal goes to other threads (a stop and continue still interrupts the wait; the
+        // queue waits again).
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, nullptr);

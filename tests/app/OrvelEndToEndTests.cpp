@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 namespace orvel {
 namespace {
 
@@ -158,6 +160,27 @@ TEST_F(OrvelEndToEnd, StreamsWhatIsPlayedToEachPageInHundredMillisecondMessages)
     EXPECT_TRUE(orvel->waitForLine("Stopped audio capture."));
     ASSERT_TRUE(orvel->waitForLine("Streaming connections: 0."));
     EXPECT_TRUE(pulse.waitUntilNoSourceOutputs()) << "a capture outlived its page";
+    EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
+}
+
+// A stop and continue interrupts every blocked wait with EINTR, even with signals blocked.
+TEST_F(OrvelEndToEnd, StoppingAndContinuingTheProcessLeavesItServingAndStreaming) {
+    test::PulseAudioServer pulse;
+    auto orvel = start({{"PULSE_SERVER", pulse.server()}});
+    test::WebSocketClient page("http://localhost");
+    page.sendText(R"({"type":"loopback","sample_rate":16000})");
+    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_TRUE(page.receive()) << "stream ended before round " << round << "\n" << orvel->output();
+        orvel->signal(SIGSTOP);
+        std::this_thread::sleep_for(5ms);  // lets the stop land while the loop waits
+        orvel->signal(SIGCONT);
+    }
+    for (int i = 0; i < 3; ++i) {
+        const auto message = page.receive();
+        ASSERT_TRUE(message && message->opcode == 2) << orvel->output();
+    }
+    EXPECT_EQ(test::httpExchange(getVersion).statusLine, "HTTP/1.1 200 OK");
     EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
 }
 
