@@ -172,13 +172,18 @@ bool ThreadPool::pop(Job& job) {
     return true;
 }
 
-void ThreadPool::waitForEvents(int timeoutMilliseconds) noexcept {
+void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) noexcept {
     epoll_event events[eventsPerWait];
     int count;
     // EINTR (a stop and continue of the process) is only a late wake-up.
     do
         count = ::epoll_wait(reactor_, events, eventsPerWait, timeoutMilliseconds);
     while (count < 0 && errno == EINTR);
+    if (countedAsSleeper) {
+        // Awake now: what the sources post below must wake another worker, not this one.
+        std::lock_guard lock(mutex_);
+        --sleepers_;
+    }
     for (int i = 0; i < count; ++i) {
         if (events[i].data.u64 == wakeMark)
             continue;
@@ -235,10 +240,9 @@ void ThreadPool::work() {
                     }
                     ++sleepers_;
                     lock.unlock();
-                    waitForEvents(-1);
+                    waitForEvents(-1, true);
                     self.jobsSinceEventCheck = 0;
                     lock.lock();
-                    --sleepers_;
                 }
             }
             // More is waiting and nobody is looking for it: a burst spreads over the threads.
@@ -253,7 +257,7 @@ void ThreadPool::work() {
         runNextJobs(self);
         if (self.jobsSinceEventCheck >= jobsBetweenEventChecks) {
             self.jobsSinceEventCheck = 0;
-            waitForEvents(0);
+            waitForEvents(0, false);
             runNextJobs(self);
         }
     }

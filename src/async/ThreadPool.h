@@ -91,8 +91,9 @@ private:
     void runNextJobs(Worker& worker);
     void postShared(Job job);
     void wakeSleeper() noexcept;
-    // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources.
-    void waitForEvents(int timeoutMilliseconds) noexcept;
+    // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources. A worker counted
+    // in sleepers_ is taken out of the count as soon as it wakes.
+    void waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) noexcept;
     bool pop(Job& job);  // with mutex_ held
     void push(Job job);  // with mutex_ held
 
