@@ -259,9 +259,9 @@ TEST(SocketPoolStates, APollPoolParksWhileIdleAndWakesForAWaiterOrAStop) {
         Pair pair;
         pair.peer().write("x", 1);
         auto waiter = async::spawn(waitOn(pool.get(), pair.socket(), Event::read));
-        EXPECT_TRUE(eventually([&] { return waiter.isFinished(); })) << "the first waiter waited out the interval";
+        ASSERT_TRUE(eventually([&] { return waiter.isFinished(); })) << "the first waiter waited out the interval";
         loop.cancel();
-        EXPECT_TRUE(eventually([&] { return loop.isFinished(); })) << "stop() did not end the wait";
+        ASSERT_TRUE(eventually([&] { return loop.isFinished(); })) << "stop() did not end the wait";
         EXPECT_EQ(outcome(loop), "CancellationError()");
     }
 }
