@@ -8,10 +8,6 @@ namespace orvel::async {
 class Executor {
 public:
     virtual void schedule(std::coroutine_handle<> coroutine) = 0;
-    // Resumes the coroutine on the calling thread, standing in for one of the executor's own,
-    // where the executor allows it; else schedules it. For threads whose only business is
-    // handing work over (the socket pool's wait): it saves waking another thread.
-    virtual void resumeHere(std::coroutine_handle<> coroutine) { schedule(coroutine); }
 
 protected:
     ~Executor() = default;

@@ -3,10 +3,15 @@
 #include "async/detail/TaskContext.h"
 
 #include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <string>
+#include <system_error>
 
 namespace orvel::async {
 
@@ -31,12 +36,18 @@ constexpr auto longestSpin = std::chrono::microseconds(64);
 // Jobs run one after another from a worker's own slot before the shared queue gets its turn, so
 // two tasks handing work back and forth cannot starve the rest.
 constexpr int slotStreak = 32;
+// A worker that never runs out of jobs looks at the reactor (without waiting) after this many.
+constexpr unsigned jobsBetweenEventChecks = 61;
+// The wake eventfd's mark in epoll_event.data; source ids start at 1.
+constexpr std::uint64_t wakeMark = 0;
+constexpr int eventsPerWait = 16;
 }  // namespace
 
 struct ThreadPool::Worker {
     const ThreadPool* pool;
     Job next{};
     bool hasNext = false;
+    unsigned jobsSinceEventCheck = 0;
     std::chrono::nanoseconds spin = shortestSpin;
 };
 
@@ -54,6 +65,17 @@ ThreadPool& ThreadPool::shared() {
 }
 
 ThreadPool::ThreadPool(std::size_t threadCount) : ring_(64) {
+    reactor_ = ::epoll_create1(EPOLL_CLOEXEC);
+    wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (reactor_ < 0 || wake_ < 0)
+        throw std::system_error(errno, std::generic_category(), "thread pool reactor");
+    // Edge-triggered, and never read: each write is a new edge that wakes one sleeper, and the
+    // counter cannot fill up in the life of a process.
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.u64 = wakeMark;
+    if (::epoll_ctl(reactor_, EPOLL_CTL_ADD, wake_, &event) != 0)
+        throw std::system_error(errno, std::generic_category(), "thread pool reactor");
     threads_.reserve(threadCount);
     for (std::size_t i = 0; i < threadCount; ++i) {
         threads_.emplace_back([this, i] {
@@ -69,15 +91,16 @@ ThreadPool::~ThreadPool() {
         std::lock_guard lock(mutex_);
         stopping_ = true;
     }
-    wake_.notify_all();
-    for (auto& thread : threads_) thread.join();
+    wakeSleeper();  // each worker that leaves wakes the next
+    for (auto& thread : threads_)
+        thread.join();
+    ::close(wake_);
+    ::close(reactor_);
 }
 
 bool ThreadPool::isWorkerThread() const noexcept { return currentWorker_ && currentWorker_->pool == this; }
 
 void ThreadPool::schedule(std::coroutine_handle<> coroutine) { post(&resumeCoroutine, coroutine.address()); }
-
-void ThreadPool::resumeHere(std::coroutine_handle<> coroutine) { runHere(&resumeCoroutine, coroutine.address()); }
 
 void ThreadPool::post(JobFunction function, void* argument) {
     if (Worker* worker = currentWorker_; worker && worker->pool == this && !worker->hasNext) {
@@ -88,18 +111,26 @@ void ThreadPool::post(JobFunction function, void* argument) {
     postShared({function, argument});
 }
 
-void ThreadPool::runHere(JobFunction function, void* argument) {
-    Worker* outerWorker = currentWorker_;
-    Executor* outerExecutor = currentExecutor();
-    Worker self{this};
-    currentWorker_ = &self;
-    detail::setCurrentExecutor(this);
-    busy_.fetch_add(1, std::memory_order_relaxed);
-    function(argument);
-    runNextJobs(self);
-    busy_.fetch_sub(1, std::memory_order_relaxed);
-    currentWorker_ = outerWorker;
-    detail::setCurrentExecutor(outerExecutor);
+void ThreadPool::watch(int fd, EventSource& source) {
+    std::lock_guard lock(sourcesMutex_);
+    source.id_ = nextSourceId_++;
+    source.fd_ = fd;
+    source.running_ = 0;
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.u64 = source.id_;
+    if (::epoll_ctl(reactor_, EPOLL_CTL_ADD, fd, &event) != 0)
+        throw std::system_error(errno, std::generic_category(), "thread pool watch");
+    sources_.emplace(source.id_, &source);
+}
+
+void ThreadPool::unwatch(EventSource& source) noexcept {
+    std::unique_lock lock(sourcesMutex_);
+    if (sources_.erase(source.id_) == 0)
+        return;
+    ::epoll_ctl(reactor_, EPOLL_CTL_DEL, source.fd_, nullptr);
+    // A worker may have taken an event of it just before: its ready() must end first.
+    sourceIdle_.wait(lock, [&] { return source.running_ == 0; });
 }
 
 void ThreadPool::postShared(Job job) {
@@ -109,13 +140,20 @@ void ThreadPool::postShared(Job job) {
         push(job);
         wakeOne = sleepers_ > 0 && spinning_.load(std::memory_order_relaxed) == 0;
     }
-    if (wakeOne) wake_.notify_one();
+    if (wakeOne)
+        wakeSleeper();
+}
+
+void ThreadPool::wakeSleeper() noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(wake_, &one, sizeof one);
 }
 
 void ThreadPool::push(Job job) {
     if (count_ == ring_.size()) {
         std::vector<Job> larger(ring_.size() * 2);
-        for (std::size_t i = 0; i < count_; ++i) larger[i] = ring_[(head_ + i) & (ring_.size() - 1)];
+        for (std::size_t i = 0; i < count_; ++i)
+            larger[i] = ring_[(head_ + i) & (ring_.size() - 1)];
         ring_ = std::move(larger);
         head_ = 0;
     }
@@ -125,7 +163,8 @@ void ThreadPool::push(Job job) {
 }
 
 bool ThreadPool::pop(Job& job) {
-    if (count_ == 0) return false;
+    if (count_ == 0)
+        return false;
     job = ring_[head_];
     head_ = (head_ + 1) & (ring_.size() - 1);
     --count_;
@@ -133,16 +172,50 @@ bool ThreadPool::pop(Job& job) {
     return true;
 }
 
+void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) noexcept {
+    epoll_event events[eventsPerWait];
+    int count;
+    // EINTR (a stop and continue of the process) is only a late wake-up.
+    do
+        count = ::epoll_wait(reactor_, events, eventsPerWait, timeoutMilliseconds);
+    while (count < 0 && errno == EINTR);
+    if (countedAsSleeper) {
+        // Awake now: what the sources post below must wake another worker, not this one.
+        std::lock_guard lock(mutex_);
+        --sleepers_;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (events[i].data.u64 == wakeMark)
+            continue;
+        EventSource* source = nullptr;
+        {
+            std::lock_guard lock(sourcesMutex_);
+            if (const auto found = sources_.find(events[i].data.u64); found != sources_.end()) {
+                source = found->second;
+                ++source->running_;
+            }
+        }
+        if (!source)
+            continue;  // unwatched since the wait returned
+        source->ready();
+        std::lock_guard lock(sourcesMutex_);
+        if (--source->running_ == 0)
+            sourceIdle_.notify_all();
+    }
+}
+
 void ThreadPool::work() {
     Worker self{this};
     currentWorker_ = &self;
     detail::setCurrentExecutor(this);
     for (;;) {
-        Job job;
+        Job job{};
+        bool haveJob;
         bool wakeAnother;
         {
             std::unique_lock lock(mutex_);
-            if (!pop(job)) {
+            haveJob = pop(job);
+            if (!haveJob) {
                 // The count changes under the lock so that a post sees either a spinner or a sleeper.
                 spinning_.fetch_add(1, std::memory_order_relaxed);
                 lock.unlock();
@@ -159,21 +232,34 @@ void ThreadPool::work() {
                                   : std::max<std::chrono::nanoseconds>(self.spin / 2, shortestSpin);
                 lock.lock();
                 spinning_.fetch_sub(1, std::memory_order_relaxed);
-                while (!pop(job)) {
-                    if (stopping_) return;
+                while (!(haveJob = pop(job)) && !self.hasNext) {
+                    if (stopping_) {
+                        lock.unlock();
+                        wakeSleeper();
+                        return;
+                    }
                     ++sleepers_;
-                    wake_.wait(lock);
-                    --sleepers_;
+                    lock.unlock();
+                    waitForEvents(-1, true);
+                    self.jobsSinceEventCheck = 0;
+                    lock.lock();
                 }
             }
             // More is waiting and nobody is looking for it: a burst spreads over the threads.
             wakeAnother = count_ > 0 && sleepers_ > 0 && spinning_.load(std::memory_order_relaxed) == 0;
         }
-        if (wakeAnother) wake_.notify_one();
-        busy_.fetch_add(1, std::memory_order_relaxed);
-        job.function(job.argument);
+        if (wakeAnother)
+            wakeSleeper();
+        if (haveJob) {
+            job.function(job.argument);
+            ++self.jobsSinceEventCheck;
+        }
         runNextJobs(self);
-        busy_.fetch_sub(1, std::memory_order_relaxed);
+        if (self.jobsSinceEventCheck >= jobsBetweenEventChecks) {
+            self.jobsSinceEventCheck = 0;
+            waitForEvents(0, false);
+            runNextJobs(self);
+        }
     }
 }
 
@@ -182,13 +268,15 @@ void ThreadPool::runNextJobs(Worker& self) {
         // A job that ran a nested executor restores this one; the task context is per job.
         detail::setCurrentExecutor(this);
         detail::setCurrentContext(nullptr);
-        if (!self.hasNext) return;
+        if (!self.hasNext)
+            return;
         Job next = self.next;
         self.hasNext = false;
         if (streak == slotStreak) {
             postShared(next);
             return;
         }
+        ++self.jobsSinceEventCheck;
         next.function(next.argument);
     }
 }

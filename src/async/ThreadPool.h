@@ -4,26 +4,56 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 namespace orvel::async {
 
-// The cooperative executor: a fixed set of threads sharing one queue of jobs. A job is a
-// function and an argument (a coroutine resumption or a serial executor's drain), so posting never
-// allocates once the queue has grown.
+// The cooperative executor: a fixed set of worker threads sharing one queue of jobs, and the
+// one place where the process waits for events. A job is a function and an argument (a
+// coroutine resumption or a serial executor's drain), so posting never allocates once the queue
+// has grown.
+//
+// Whoever is idle does the waiting: there is no event thread and no timer thread. A worker out
+// of jobs sleeps in epoll_wait on the pool's reactor, where the event sources are registered
+// edge-triggered (each socket pool's epoll descriptor, the timer service's timerfd) beside an
+// eventfd that posts from anywhere use to wake a sleeper. The kernel wakes one sleeper per
+// event; it runs the source's ready() there, which resumes the tasks it wakes by posting them:
+// the first lands in that worker's own next-job slot and runs right after, on the same thread
+// (no hand-off in the common case), the rest go to the shared queue for the other workers,
+// waking a sleeper only when none is spinning. So a task that blocks or computes holds only its
+// own worker: the others keep waiting on the reactor for every socket and timer.
 //
 // Waking a sleeping thread costs more than most jobs, so the pool avoids it where it can:
-// - a job posted by a worker goes to that worker's own next-job slot and runs as soon as the
-//   current job returns, on the same thread, without waking anyone (a chain of resumptions, as a
-//   message passing from task to task, stays on one warm thread);
+// - a job posted by a worker goes to that worker's own next-job slot (a chain of resumptions, as
+//   a message passing from task to task, stays on one warm thread);
 // - a worker out of work spins a few microseconds before it sleeps, and a post wakes a sleeper
-//   only when nobody is spinning.
+//   only when nobody is spinning;
+// - a worker that never runs out of jobs still looks at the reactor, without waiting, every few
+//   dozen jobs, so events are never starved by a busy pool.
 // Jobs must not block waiting for another job: the one in the slot would wait with them.
 class ThreadPool final : public Executor {
 public:
     using JobFunction = void (*)(void*);
+
+    // Something the idle workers wait on. ready() runs on the worker that saw the descriptor
+    // change (possibly on two workers at once), must not block, and only posts task code.
+    class EventSource {
+    public:
+        virtual void ready() noexcept = 0;
+
+    protected:
+        ~EventSource() = default;
+
+    private:
+        friend class ThreadPool;
+        std::uint64_t id_ = 0;
+        int fd_ = -1;
+        unsigned running_ = 0;  // ready() calls in progress, under the pool's sources lock
+    };
 
     explicit ThreadPool(std::size_t threadCount);
     ~ThreadPool();
@@ -34,12 +64,15 @@ public:
     static ThreadPool& shared();
 
     void schedule(std::coroutine_handle<> coroutine) override;
-    void resumeHere(std::coroutine_handle<> coroutine) override;
     void post(JobFunction function, void* argument);
-    // Runs a job on the calling thread as if it were one of the workers, so that what the job
-    // posts runs here right after it instead of waking a sleeping worker. For threads whose only
-    // business is handing work to the pool (the timer thread, the socket pool's wait).
-    void runHere(JobFunction function, void* argument);
+
+    // Registers `fd` edge-triggered: ready() follows every change of its readiness (so it must
+    // take everything the descriptor has each time). The registration's own readiness check
+    // reports a descriptor already ready. Fails with std::system_error.
+    void watch(int fd, EventSource& source);
+    // Removes it; when this returns no ready() of the source runs or will run. Must not be
+    // called from the source's own ready().
+    void unwatch(EventSource& source) noexcept;
 
     std::size_t threadCount() const noexcept { return threads_.size(); }
     // True on one of this pool's worker threads.
@@ -57,19 +90,29 @@ private:
     void work();
     void runNextJobs(Worker& worker);
     void postShared(Job job);
+    void wakeSleeper() noexcept;
+    // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources. A worker counted
+    // in sleepers_ is taken out of the count as soon as it wakes.
+    void waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) noexcept;
     bool pop(Job& job);  // with mutex_ held
     void push(Job job);  // with mutex_ held
 
     std::mutex mutex_;
-    std::condition_variable wake_;
     std::vector<Job> ring_;  // power-of-two ring buffer
     std::size_t head_ = 0;
     std::size_t count_ = 0;
-    std::size_t sleepers_ = 0;
+    std::size_t sleepers_ = 0;  // workers in the reactor's wait, or on their way there
     bool stopping_ = false;
     std::atomic<std::size_t> pending_{0};
-    std::atomic<std::size_t> busy_{0};      // workers running a job
     std::atomic<std::size_t> spinning_{0};  // workers looking for work before they sleep
+
+    int reactor_ = -1;  // epoll descriptor
+    int wake_ = -1;     // eventfd
+    std::mutex sourcesMutex_;
+    std::condition_variable sourceIdle_;
+    std::unordered_map<std::uint64_t, EventSource*> sources_;
+    std::uint64_t nextSourceId_ = 1;
+
     std::vector<std::thread> threads_;
 };
 

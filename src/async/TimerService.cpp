@@ -2,9 +2,14 @@
 
 #include "async/ThreadPool.h"
 
-#include <pthread.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
 
 namespace orvel::async {
 namespace {
@@ -24,10 +29,6 @@ Clock::time_point wakeFor(Clock::time_point latest) {
     return Clock::time_point(std::chrono::duration_cast<Clock::duration>(rounded));
 }
 
-void fireTimer(void* timer) {
-    auto* due = static_cast<TimerService::Timer*>(timer);
-    due->fire(due);  // may end the timer's owner: nothing touches it after this
-}
 }  // namespace
 
 TimerService& TimerService::shared() {
@@ -36,68 +37,69 @@ TimerService& TimerService::shared() {
 }
 
 TimerService::TimerService(ThreadPool* pool) : pool_(pool) {
+    assert(pool);
     heap_.reserve(256);
-    thread_ = std::thread([this] {
-        pthread_setname_np(pthread_self(), "orvel.timers");
-        run();
-    });
+    timerFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);  // steady_clock's clock
+    if (timerFd_ < 0)
+        throw std::system_error(errno, std::generic_category(), "timerfd_create");
+    try {
+        pool_->watch(timerFd_, *this);
+    } catch (...) {
+        ::close(timerFd_);
+        throw;
+    }
 }
 
 TimerService::~TimerService() {
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
+    pool_->unwatch(*this);
+    ::close(timerFd_);
+}
+
+void TimerService::arm(Clock::time_point wakeAt) noexcept {
+    wakeAt_ = wakeAt;
+    itimerspec value{};
+    if (wakeAt != Clock::time_point::max()) {
+        const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(wakeAt.time_since_epoch()).count();
+        // Zero would disarm: a moment at the clock's origin is long past anyway.
+        value.it_value.tv_sec = static_cast<time_t>(since / 1000000000);
+        value.it_value.tv_nsec = std::max<long>(static_cast<long>(since % 1000000000), since > 0 ? 0 : 1);
     }
-    wake_.notify_one();
-    thread_.join();
+    ::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &value, nullptr);
 }
 
 void TimerService::schedule(Timer& timer, Clock::time_point now) {
     timer.latest = latestFor(timer.deadline, now);
-    bool wake = false;
-    {
-        std::lock_guard lock(mutex_);
-        heap_.push_back(nullptr);
-        place(heap_.size() - 1, &timer);
-        siftUp(heap_.size() - 1);
-        if (const auto wakeAt = wakeFor(timer.latest); wakeAt < wakeAt_) {
-            wakeAt_ = wakeAt;
-            wake = true;
-        }
-    }
-    if (wake) wake_.notify_one();
+    std::lock_guard lock(mutex_);
+    heap_.push_back(nullptr);
+    place(heap_.size() - 1, &timer);
+    siftUp(heap_.size() - 1);
+    if (const auto wakeAt = wakeFor(timer.latest); wakeAt < wakeAt_)
+        arm(wakeAt);
 }
 
 bool TimerService::cancel(Timer& timer) {
     std::lock_guard lock(mutex_);
-    if (timer.heapIndex == notScheduled) return false;
+    if (timer.heapIndex == notScheduled)
+        return false;
     removeAt(timer.heapIndex);
     return true;
 }
 
-void TimerService::run() {
+void TimerService::ready() noexcept {
+    std::uint64_t expirations;
+    [[maybe_unused]] const auto drained = ::read(timerFd_, &expirations, sizeof expirations);
     std::unique_lock lock(mutex_);
-    while (!stopping_) {
-        // One timer at a time, taken off the heap just before it fires: what it runs here may
-        // cancel a later timer, and must still find it scheduled.
-        if (!heap_.empty() && heap_[0]->deadline <= Clock::now()) {
-            Timer* timer = heap_[0];
-            removeAt(0);
-            lock.unlock();
-            if (pool_) pool_->runHere(&fireTimer, timer);
-            else fireTimer(timer);
-            lock.lock();
-            continue;
-        }
-        if (heap_.empty()) {
-            wakeAt_ = Clock::time_point::max();
-            wake_.wait(lock);
-        } else {
-            // The heap is ordered by latest moment: its top is the first that must not wait longer.
-            wakeAt_ = wakeFor(heap_[0]->latest);
-            wake_.wait_until(lock, wakeAt_);
-        }
+    // One timer at a time, taken off the heap just before it fires: a cancel that comes later
+    // learns that it fired.
+    while (!heap_.empty() && heap_[0]->deadline <= Clock::now()) {
+        Timer* timer = heap_[0];
+        removeAt(0);
+        lock.unlock();
+        timer->fire(timer);  // may end the timer's owner: nothing touches it after this
+        lock.lock();
     }
+    // The heap is ordered by latest moment: its top is the first that must not wait longer.
+    arm(heap_.empty() ? Clock::time_point::max() : wakeFor(heap_[0]->latest));
 }
 
 void TimerService::siftUp(std::size_t index) {

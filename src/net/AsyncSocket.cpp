@@ -35,13 +35,34 @@ Socket::FileDescriptor tryAccept(const Socket& listener) {
 
 }  // namespace
 
-AsyncSocket::AsyncSocket(Socket socket, Pool pool) : socket_(socket), pool_(std::move(pool)) {
+AsyncSocket::AsyncSocket(Socket socket, Pool pool)
+    : socket_(socket), pool_(std::move(pool)), generation_(pool_->descriptorGeneration(socket.file)) {
     socket_.setFlags(Socket::Flags::nonBlocking);
 }
 
+namespace {
+// Closes a descriptor its pool may hold a registration for, through the pool, unless released.
+class PoolOwnedDescriptor {
+public:
+    PoolOwnedDescriptor(int fd, AsyncSocketPool& pool) noexcept : owner_(fd), pool_(pool) {}
+    PoolOwnedDescriptor(PoolOwnedDescriptor&&) = delete;
+    ~PoolOwnedDescriptor() {
+        if (owner_)
+            pool_.descriptorWillClose(Socket::FileDescriptor{owner_.get()});
+    }
+    void release() noexcept { owner_.release(); }
+
+private:
+    OwnedDescriptor owner_;
+    AsyncSocketPool& pool_;
+};
+}  // namespace
+
 async::Task<AsyncSocket> AsyncSocket::connected(AnySocketAddress address, Pool pool) {
-    OwnedDescriptor owner(Socket::make(address.family(), SocketType::stream).file.rawValue);
-    AsyncSocket socket(Socket(owner.get()), std::move(pool));
+    Socket made = Socket::make(address.family(), SocketType::stream);
+    PoolOwnedDescriptor owner(made.file.rawValue, *pool);
+    made.setFlags(Socket::Flags::nonBlocking);
+    AsyncSocket socket(made, pool, Fresh{});  // the parameter keeps the pool alive for the owner
     // On failure or cancellation its waiter is gone already, and the owner closes the descriptor.
     co_await socket.connect(address);
     owner.release();
@@ -54,15 +75,15 @@ async::Task<AsyncSocket> AsyncSocket::connected(AnySocketAddress address, Pool p
 
 std::pair<AsyncSocket, AsyncSocket> AsyncSocket::makePair(Pool pool, SocketType type) {
     auto [first, second] = Socket::makeNonBlockingPair(type);
-    return {AsyncSocket(first, pool, AlreadyNonBlocking{}), AsyncSocket(second, std::move(pool), AlreadyNonBlocking{})};
+    return {AsyncSocket(first, pool, Fresh{}), AsyncSocket(second, std::move(pool), Fresh{})};
 }
 
 async::Task<AsyncSocket> AsyncSocket::accept() const {
     for (;;) {
         const auto accepted = tryAccept(socket_);
         if (accepted.rawValue >= 0)
-            co_return AsyncSocket(Socket(accepted), pool_, AlreadyNonBlocking{});
-        co_await pool_->suspendSocket(socket_, readOrWrite);
+            co_return AsyncSocket(Socket(accepted), pool_, Fresh{});
+        co_await pool_->suspendSocket(socket_, readOrWrite, generation_);
     }
 }
 
@@ -74,7 +95,7 @@ async::Task<void> AsyncSocket::connect(AnySocketAddress address) const {
         if (error.kind() != SocketError::Kind::blocked)
             throw;
     }
-    co_await pool_->suspendSocket(socket_, Event::write);
+    co_await pool_->suspendSocket(socket_, Event::write, generation_);
     socket_.connect(address);
 }
 
@@ -92,7 +113,7 @@ async::Task<std::size_t> AsyncSocket::readAtMost(std::span<std::uint8_t> into) c
             co_return result.count;
         if (!result.blocked())
             throw result.error("Read");
-        co_await pool_->suspendSocket(socket_, Event::read);
+        co_await pool_->suspendSocket(socket_, Event::read, generation_);
     }
 }
 
@@ -124,7 +145,7 @@ async::Task<void> AsyncSocket::write(std::span<const std::uint8_t> data) const {
         }
         if (!result.blocked())
             throw result.error("Write");
-        co_await pool_->suspendSocket(socket_, Event::write);
+        co_await pool_->suspendSocket(socket_, Event::write, generation_);
     }
 }
 
@@ -146,7 +167,7 @@ async::Task<AsyncSocket::Message> AsyncSocket::receive(std::size_t atMost) const
             co_return message;
         if (!result.blocked())
             throw result.error("RecvMsg");
-        co_await pool_->suspendSocket(socket_, Event::read);
+        co_await pool_->suspendSocket(socket_, Event::read, generation_);
     }
 }
 
@@ -157,7 +178,7 @@ async::Task<void> AsyncSocket::send(Message message) const {
             co_return;
         if (!result.blocked())
             throw result.error("SendMsg");
-        co_await pool_->suspendSocket(socket_, Event::write);
+        co_await pool_->suspendSocket(socket_, Event::write, generation_);
     }
 }
 
@@ -168,7 +189,7 @@ async::Task<void> AsyncSocket::send(std::vector<std::uint8_t> bytes, AnySocketAd
             co_return;
         if (!result.blocked())
             throw result.error("SendTo");
-        co_await pool_->suspendSocket(socket_, Event::write);
+        co_await pool_->suspendSocket(socket_, Event::write, generation_);
     }
 }
 

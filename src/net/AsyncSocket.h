@@ -50,7 +50,7 @@ public:
 
     // Waits until the descriptor is ready for one of `events` (for layers that run their own
     // try loop over socket()).
-    SocketWait waitUntil(Socket::Events events) const noexcept { return pool_->suspendSocket(socket_, events); }
+    SocketWait waitUntil(Socket::Events events) const noexcept { return pool_->suspendSocket(socket_, events, generation_); }
 
     // The next connection on a listening socket (waiting for read or write readiness); the
     // accepted socket is non-blocking. A closed listener gives SocketError::disconnected.
@@ -83,11 +83,16 @@ public:
     friend bool operator==(const AsyncSocket& a, const AsyncSocket& b) noexcept { return a.socket_ == b.socket_; }
 
 private:
-    struct AlreadyNonBlocking {};
-    AsyncSocket(Socket socket, Pool pool, AlreadyNonBlocking) noexcept : socket_(socket), pool_(std::move(pool)) {}
+    // A descriptor just made, already non-blocking.
+    struct Fresh {};
+    AsyncSocket(Socket socket, Pool pool, Fresh) noexcept
+        : socket_(socket), pool_(std::move(pool)), generation_(pool_->descriptorOpened(socket.file)) {}
 
     Socket socket_;
     Pool pool_;
+    // Which socket holding this number the copies share: once it has closed, their waits end as
+    // disconnected even after the number was handed to another socket.
+    std::uint32_t generation_;
 };
 
 // The bytes of a connection. next() serves single bytes from a buffer filled up to 4096 bytes

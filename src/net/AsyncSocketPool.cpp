@@ -9,11 +9,7 @@ void SocketWaiter::prepare(std::coroutine_handle<> handle) noexcept {
     state_.store(suspending, std::memory_order_relaxed);
 }
 
-void SocketWaiter::resume(Outcome outcome) noexcept { settle(outcome, false); }
-
-void SocketWaiter::resumeHere(Outcome outcome) noexcept { settle(outcome, true); }
-
-void SocketWaiter::settle(Outcome outcome, bool here) noexcept {
+void SocketWaiter::resume(Outcome outcome) noexcept {
     // Taken first: once resumed, the task may go on and destroy this node.
     const auto handle = handle_;
     auto* executor = executor_;
@@ -21,10 +17,7 @@ void SocketWaiter::settle(Outcome outcome, bool here) noexcept {
     // Still setting up: the task goes on by itself when its await_suspend returns.
     if ((state_.fetch_or(resumed, std::memory_order_acq_rel) & suspending) != 0)
         return;
-    if (here)
-        executor->resumeHere(handle);
-    else
-        executor->schedule(handle);
+    executor->schedule(handle);
 }
 
 bool SocketWait::await_suspend(std::coroutine_handle<> handle) {

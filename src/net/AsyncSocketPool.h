@@ -20,8 +20,12 @@ class SocketWaiter {
 public:
     enum class Outcome : std::uint8_t { ready, disconnected, cancelled };
 
+    // Any generation: the waiter does not know which socket held the number when it asked.
+    static constexpr std::uint32_t anyGeneration = ~std::uint32_t{0};
+
     Socket::FileDescriptor file;
     Socket::Events events;
+    std::uint32_t generation = anyGeneration;  // of the descriptor number, when the socket was made
 
     // The pool's links.
     SocketWaiter* next = nullptr;
@@ -36,12 +40,9 @@ public:
     // Resumes the task with `outcome`: exactly once, from any thread, by posting it to its
     // executor. The node must not be touched afterwards.
     void resume(Outcome outcome) noexcept;
-    // The same, running the task on the calling thread where its executor allows it.
-    void resumeHere(Outcome outcome) noexcept;
     Outcome outcome() const noexcept { return outcome_; }
 
 private:
-    void settle(Outcome outcome, bool here) noexcept;
 
     static constexpr unsigned suspending = 1;
     static constexpr unsigned resumed = 2;
@@ -58,12 +59,16 @@ private:
 // error when the pool takes no waiters.
 class SocketWait {
 public:
-    SocketWait(AsyncSocketPool& pool, Socket::FileDescriptor file, Socket::Events events) noexcept : pool_(&pool) {
+    SocketWait(AsyncSocketPool& pool, Socket::FileDescriptor file, Socket::Events events,
+               std::uint32_t generation = SocketWaiter::anyGeneration) noexcept
+        : pool_(&pool) {
         waiter_.file = file;
         waiter_.events = events;
+        waiter_.generation = generation;
     }
     // Moved only before it suspends.
-    SocketWait(SocketWait&& other) noexcept : SocketWait(*other.pool_, other.waiter_.file, other.waiter_.events) {}
+    SocketWait(SocketWait&& other) noexcept
+        : SocketWait(*other.pool_, other.waiter_.file, other.waiter_.events, other.waiter_.generation) {}
 
     bool await_ready() const noexcept { return false; }
     bool await_suspend(std::coroutine_handle<> handle);
@@ -87,6 +92,20 @@ public:
     virtual async::Task<void> run() = 0;
 
     SocketWait suspendSocket(Socket socket, Socket::Events events) noexcept { return SocketWait(*this, socket.file, events); }
+    // The same for the socket that held the number at `generation`: once that socket has been
+    // closed (through descriptorWillClose) the wait ends as disconnected, whoever holds the
+    // number now.
+    SocketWait suspendSocket(Socket socket, Socket::Events events, std::uint32_t generation) noexcept {
+        return SocketWait(*this, socket.file, events, generation);
+    }
+
+    // The generation of a descriptor number: it changes when the number's socket closes through
+    // the pool, or when a new descriptor gets the number (descriptorOpened). Pools that do not
+    // track them answer anyGeneration.
+    virtual std::uint32_t descriptorGeneration(Socket::FileDescriptor) const noexcept { return SocketWaiter::anyGeneration; }
+    // Call with a descriptor just made (accepted, connected, paired): whatever the pool still held
+    // for its number belonged to a socket closed behind its back, and is dropped.
+    virtual std::uint32_t descriptorOpened(Socket::FileDescriptor file) noexcept { return descriptorGeneration(file); }
 
     // Call before closing a descriptor tasks may be waiting on: wakes them with disconnected and
     // drops its registrations while the number still belongs to it (after close it may name a

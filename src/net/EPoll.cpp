@@ -36,7 +36,7 @@ std::uint32_t epollMask(Socket::Events events) noexcept {
 // interest without reading `existing`, which may change under it.
 epoll_event registration(Socket::FileDescriptor file, Socket::Events events, EPoll::Mode mode) noexcept {
     epoll_event event{};
-    event.events = epollMask(events) | (mode == EPoll::Mode::dispatch ? EPOLLONESHOT : 0u);
+    event.events = epollMask(events) | (mode == EPoll::Mode::edgeTriggered ? EPOLLET : 0u);
     event.data.u64 = static_cast<std::uint32_t>(file.rawValue) | (std::uint64_t{events.bits()} << 32);
     return event;
 }
@@ -60,7 +60,6 @@ EPoll::~EPoll() = default;
 
 void EPoll::open() {
     existing_.clear();
-    known_.clear();
     OwnedDescriptor epoll(::epoll_create1(EPOLL_CLOEXEC));
     if (!epoll)
         throw SocketError::failed("epoll", errno);
@@ -80,7 +79,6 @@ void EPoll::open() {
 
 void EPoll::close() {
     existing_.clear();
-    known_.clear();
     if (epoll_.get() < 0)
         throw SocketError::disconnected();
     wake_ = OwnedDescriptor();
@@ -121,11 +119,8 @@ void EPoll::addEvents(Socket::Events events, Socket::FileDescriptor file) {
     const auto added = events - current;
     if (added.empty())
         return;
-    const bool known = !current.empty() || (mode_ == Mode::dispatch && known_.contains(file));
-    change(known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, file, current | added, "epoll add epoll_ctl");
+    change(current.empty() ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, file, current | added, "epoll add epoll_ctl");
     existing_[file] = current | added;
-    if (mode_ == Mode::dispatch)
-        known_.insert(file);
 }
 
 void EPoll::removeEvents(Socket::Events events, Socket::FileDescriptor file) {
@@ -141,32 +136,39 @@ void EPoll::removeEvents(Socket::Events events, Socket::FileDescriptor file) {
     if (::epoll_ctl(epoll_.get(), operation, file.rawValue, &event) == -1) {
         const int error = errno;
         // Closed already: the kernel holds nothing for it any more, and neither should we.
-        if (error == EBADF || error == ENOENT) {
-            known_.erase(file);
+        if (error == EBADF || error == ENOENT)
             existing_.erase(found);
-        }
         throw SocketError::failed("epoll remove epoll_ctl", error);
     }
     if (remaining.empty()) {
-        known_.erase(file);
         existing_.erase(found);
     } else {
         found->second = remaining;
     }
 }
 
-void EPoll::delivered(const std::vector<EventNotification>& notifications) noexcept {
-    if (mode_ != Mode::dispatch)
-        return;
-    for (const auto& notification : notifications)
-        existing_.erase(notification.file);
+void EPoll::getNotifications(std::vector<EventNotification>& into) {
+    if (wait(into, -1) < 1)
+        throw SocketError::failed("epoll epoll_wait", errno);
 }
 
-void EPoll::getNotifications(std::vector<EventNotification>& into) {
-    into.clear();
-    const int count = ::epoll_wait(epoll_.get(), received_.get(), eventsLimit_, -1);
-    if (count < 1)
+bool EPoll::getReadyNotifications(std::vector<EventNotification>& into) {
+    const int count = wait(into, 0);
+    if (count < 0)
         throw SocketError::failed("epoll epoll_wait", errno);
+    return count == eventsLimit_;
+}
+
+int EPoll::wait(std::vector<EventNotification>& into, int timeout) {
+    into.clear();
+    int count;
+    // A stop and continue (SIGSTOP, a debugger, suspend) ends a wait with EINTR even with every
+    // signal blocked: that is a late wake-up, not a failure.
+    do
+        count = ::epoll_wait(epoll_.get(), received_.get(), eventsLimit_, timeout);
+    while (count < 0 && errno == EINTR);
+    if (count < 0)
+        return count;
     for (int i = 0; i < count; ++i) {
         const auto& event = received_[static_cast<std::size_t>(i)];
         if (event.data.u64 == wakeMark) {
@@ -200,6 +202,7 @@ void EPoll::getNotifications(std::vector<EventNotification>& into) {
         if (registered.contains(Socket::Event::write) && (event.events & (EPOLLOUT | EPOLLHUP | EPOLLERR)))
             into.push_back({file, Socket::Event::write, writeErrors});
     }
+    return count;
 }
 
 }  // namespace orvel::net

@@ -39,9 +39,9 @@ struct EventNotification {
 std::ostream& operator<<(std::ostream& out, const EventNotification& notification);
 
 // Tells a socket pool which descriptors became ready. One pool owns it: open, close, add and
-// remove run on the pool's side; getNotifications blocks on the pool's wait thread, possibly
-// while add and remove run elsewhere, and stop() may be called from any thread to end a
-// blocked wait early. Failures are SocketError.
+// remove run on the pool's side; getNotifications blocks on the pool's wait thread (queues with
+// no pollable descriptor), possibly while add and remove run elsewhere, and stop() may be called
+// from any thread to end a blocked wait early. Failures are SocketError.
 class EventQueue {
 public:
     virtual ~EventQueue() = default;
@@ -56,10 +56,25 @@ public:
     // caller's so that its memory is reused from one wait to the next.
     virtual void getNotifications(std::vector<EventNotification>& into) = 0;
 
-    // True for a queue that disarms a descriptor's whole registration when it reports it: its
-    // owner then calls delivered() with each batch and adds back the events it still waits for.
-    virtual bool disarmsOnDelivery() const noexcept { return false; }
-    virtual void delivered(const std::vector<EventNotification>& notifications) noexcept {}
+    // A descriptor that becomes readable when notifications are ready (an epoll instance is
+    // itself pollable), or -1. A pool waits on it among the thread pool's event sources rather
+    // than on a thread of its own, taking the notifications with getReadyNotifications().
+    virtual int pollableDescriptor() const noexcept { return -1; }
+    // Replaces the contents of `into` with what is ready now, without waiting; true when there
+    // may be more (a full batch).
+    virtual bool getReadyNotifications(std::vector<EventNotification>& into) {
+        into.clear();
+        return false;
+    }
+
+    // True for an edge-triggered queue, which reports each change of readiness once: its owner
+    // keeps a descriptor's registration for the descriptor's life (removing it just before the
+    // close) and remembers readiness that came while nobody waited.
+    virtual bool keepsRegistrations() const noexcept { return false; }
+    // Whether anything is registered for the descriptor; forget() drops it without a system call,
+    // for a number whose descriptor was closed behind the queue's back.
+    virtual bool isRegistered(Socket::FileDescriptor file) const noexcept = 0;
+    virtual void forget(Socket::FileDescriptor file) noexcept = 0;
 
     std::vector<EventNotification> getNotifications() {
         std::vector<EventNotification> notifications;

@@ -1,6 +1,7 @@
 #include "net/SocketPool.h"
 
 #include "async/Cancellation.h"
+#include "async/ThreadPool.h"
 #include "net/EPoll.h"
 
 #include <pthread.h>
@@ -19,16 +20,13 @@ namespace {
 using Outcome = SocketWaiter::Outcome;
 
 // Resumes a chain of unlinked waiters (linked through `next`) once the table's lock is released.
-// With `lastHere` (the wait thread) the last one runs on the calling thread: the others are
-// posted, so idle workers take them, and a lone ready descriptor wakes no worker.
-void resumeChain(SocketWaiter* chain, Outcome outcome, bool lastHere = false) noexcept {
+// Each is posted to its executor: on a pool worker the first lands in the worker's own slot and
+// runs right after, the others go to idle workers.
+void resumeChain(SocketWaiter* chain, Outcome outcome) noexcept {
     while (chain) {
         auto* next = chain->next;
         chain->next = nullptr;
-        if (lastHere && !next)
-            chain->resumeHere(outcome);
-        else
-            chain->resume(outcome);
+        chain->resume(outcome);
         chain = next;
     }
 }
@@ -40,13 +38,11 @@ void push(SocketWaiter*& chain, SocketWaiter& waiter) noexcept {
 
 }  // namespace
 
-// The blocking wait, on its own thread so that no executor thread ever blocks in the kernel.
-// While the loop runs it waits on the queue and resumes the waiters of every batch straight
-// from here: all but one are posted to their executors, and the last runs on this thread
-// standing in for a worker of its pool, so a lone ready descriptor costs no hand-off at all
-// (the loop task holds the pool, so nothing run here can destroy it). It stays in the wait while
-// nobody waits (a new registration of a ready descriptor ends the wait), and when the loop is
-// stopped or the queue fails it resumes the loop's own node and idles until the next run.
+// The blocking wait of a queue that has no pollable descriptor (poll(2), a test's queue), on a
+// thread of its own so that no pool worker ever blocks in it. It only hands over: each ready
+// waiter is posted to its executor, no task code runs here. It parks in the queue's wait while
+// nobody waits (a new registration ends the wait), and when the loop is stopped or the queue
+// fails it ends the loop and idles until the next run.
 class SocketPool::WaitThread {
 public:
     explicit WaitThread(SocketPool& pool) : pool_(pool), thread_([this] { main(); }) {
@@ -60,10 +56,7 @@ public:
         thread_.join();
     }
 
-    // Runs the loop until stop(); then resumes `loop`, with `failure` set when the queue failed.
-    void start(SocketWaiter& loop, std::exception_ptr& failure) {
-        loop_ = &loop;
-        failure_ = &failure;
+    void start() {
         stopping_.store(false, std::memory_order_relaxed);
         started_.release();
     }
@@ -76,27 +69,27 @@ public:
 
 private:
     void main() {
-        // Every signal goes to other threads: an interrupted wait would end the loop (EINTR is a
-        // failure like any other).
+        // Every signal goes to other threads (a stop and continue still interrupts the wait; the
+        // queue waits again).
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, nullptr);
         std::vector<EventNotification> batch;
-        batch.reserve(2 * defaultMaxEvents);
         for (;;) {
             started_.acquire();
             if (exiting_.load(std::memory_order_acquire))
                 return;
+            std::exception_ptr failure;
             while (!stopping_.load(std::memory_order_acquire)) {
                 try {
                     pool_.queue_->getNotifications(batch);
                 } catch (...) {
-                    *failure_ = std::current_exception();
+                    failure = std::current_exception();
                     break;
                 }
                 pool_.resumeReadyWaiters(batch);
             }
-            loop_->resume(Outcome::ready);
+            pool_.endLoop(failure);
         }
     }
 
@@ -104,13 +97,11 @@ private:
     std::counting_semaphore<> started_{0};
     std::atomic<bool> exiting_{false};
     std::atomic<bool> stopping_{false};
-    SocketWaiter* loop_ = nullptr;  // published by the semaphore, like failure_
-    std::exception_ptr* failure_ = nullptr;
     std::thread thread_;
 };
 
-// The loop task's suspension while the wait thread serves: until the task is cancelled (which
-// stops the thread) or the queue fails.
+// The loop task's suspension while the pool serves: until the task is cancelled or the queue
+// fails.
 struct SocketPool::LoopWait {
     SocketPool& pool;
     SocketWaiter node;
@@ -123,20 +114,70 @@ struct SocketPool::LoopWait {
     bool await_ready() const noexcept { return false; }
     bool await_suspend(std::coroutine_handle<> handle) {
         node.prepare(handle);
-        pool.waitThread_->start(node, failure);
-        onCancel.emplace([this] { pool.waitThread_->stop(); });
+        pool.table_.withLock([&](Table&) {
+            pool.loop_ = &node;
+            pool.loopFailure_ = &failure;
+        });
+        if (pool.waitThread_) {
+            pool.waitThread_->start();
+            onCancel.emplace([this] { pool.waitThread_->stop(); });
+        } else {
+            try {
+                async::ThreadPool::shared().watch(pool.queue_->pollableDescriptor(), pool);
+            } catch (...) {
+                pool.endLoop(std::current_exception());
+            }
+            onCancel.emplace([this] { pool.endLoop(nullptr); });
+        }
         return node.commitSuspension();
     }
     void await_resume() {
         onCancel.reset();
+        if (!pool.waitThread_)
+            async::ThreadPool::shared().unwatch(pool);  // no ready() runs after this
         if (failure)
             std::rethrow_exception(failure);
         throw async::CancellationError();
     }
 };
 
+void SocketPool::endLoop(std::exception_ptr failure) noexcept {
+    SocketWaiter* loop = nullptr;
+    table_.withLock([&](Table&) {
+        loop = std::exchange(loop_, nullptr);
+        if (loop && failure)
+            *loopFailure_ = std::move(failure);
+    });
+    if (loop)
+        loop->resume(Outcome::ready);
+}
+
+void SocketPool::ready() noexcept {
+    for (bool more = true; more;) {
+        more = false;
+        SocketWaiter* ready = nullptr;
+        SocketWaiter* failed = nullptr;
+        std::exception_ptr failure;
+        table_.withLock([&](Table& table) {
+            if (table.state != State::running)
+                return;
+            try {
+                more = queue_->getReadyNotifications(batch_);
+            } catch (...) {
+                failure = std::current_exception();
+                return;
+            }
+            collect(table, batch_, ready, failed);
+        });
+        resumeChain(ready, Outcome::ready);
+        resumeChain(failed, Outcome::disconnected);
+        if (failure)
+            endLoop(std::move(failure));
+    }
+}
+
 std::shared_ptr<SocketPool> SocketPool::make(int maxEvents, Logger logger) {
-    auto queue = std::make_unique<EPoll>(maxEvents, logger, EPoll::Mode::dispatch);
+    auto queue = std::make_unique<EPoll>(maxEvents, logger, EPoll::Mode::edgeTriggered);
     return withQueue(std::move(queue), std::move(logger));
 }
 
@@ -162,20 +203,24 @@ std::size_t SocketPool::waitingCount() const {
     return table_.withLock([](Table& table) { return table.count; });
 }
 
+SocketPool::Slot& SocketPool::slot(Table& table, Socket::FileDescriptor file) {
+    const auto index = static_cast<std::size_t>(file.rawValue);
+    if (index >= table.byFile.size())
+        table.byFile.resize(std::max(index + 1, table.byFile.size() * 2));
+    return table.byFile[index];
+}
+
 Socket::Events SocketPool::eventsOn(const Table& table, Socket::FileDescriptor file) noexcept {
     Socket::Events events;
     const auto index = static_cast<std::size_t>(file.rawValue);
     if (index < table.byFile.size())
-        for (auto* waiter = table.byFile[index]; waiter; waiter = waiter->next)
+        for (auto* waiter = table.byFile[index].waiters; waiter; waiter = waiter->next)
             events.insert(waiter->events);
     return events;
 }
 
 void SocketPool::link(Table& table, SocketWaiter& waiter) {
-    const auto index = static_cast<std::size_t>(waiter.file.rawValue);
-    if (index >= table.byFile.size())
-        table.byFile.resize(std::max(index + 1, table.byFile.size() * 2), nullptr);
-    auto*& head = table.byFile[index];
+    auto*& head = slot(table, waiter.file).waiters;
     waiter.previous = nullptr;
     waiter.next = head;
     if (head)
@@ -186,7 +231,7 @@ void SocketPool::link(Table& table, SocketWaiter& waiter) {
 }
 
 void SocketPool::unlink(Table& table, SocketWaiter& waiter) noexcept {
-    auto*& head = table.byFile[static_cast<std::size_t>(waiter.file.rawValue)];
+    auto*& head = table.byFile[static_cast<std::size_t>(waiter.file.rawValue)].waiters;
     if (waiter.previous)
         waiter.previous->next = waiter.next;
     else
@@ -210,10 +255,37 @@ void SocketPool::unregister(const Table& table, Socket::FileDescriptor file, Soc
 }
 
 void SocketPool::park(SocketWaiter& waiter) {
-    assert(waiter.file.rawValue >= 0);
+    // A closed socket's number, or one that was never valid: there is nothing to wait for.
+    if (waiter.file.rawValue < 0) {
+        waiter.resume(Outcome::disconnected);
+        return;
+    }
+    auto settled = std::optional<Outcome>();
     table_.withLock([&](Table& table) {
         if (table.state != State::ready && table.state != State::running)
             throw Error("Not Ready");
+        auto& entry = slot(table, waiter.file);
+        // Closed since the socket was made: the number may belong to another socket by now.
+        if (waiter.generation != SocketWaiter::anyGeneration && waiter.generation != entry.generation) {
+            settled = Outcome::disconnected;
+            return;
+        }
+        if (queue_->keepsRegistrations()) {
+            // An edge that came while nobody waited: the caller's attempt may have raced it.
+            if (const auto ready = entry.ready & waiter.events; !ready.empty()) {
+                entry.ready = entry.ready - ready;
+                settled = Outcome::ready;
+                return;
+            }
+            link(table, waiter);
+            try {
+                queue_->addEvents(waiter.events, waiter.file);  // a call only when the interest grows
+            } catch (...) {
+                unlink(table, waiter);
+                throw;
+            }
+            return;
+        }
         const auto toRegister = waiter.events - eventsOn(table, waiter.file);
         link(table, waiter);
         if (!toRegister.empty()) {
@@ -225,6 +297,8 @@ void SocketPool::park(SocketWaiter& waiter) {
             }
         }
     });
+    if (settled)
+        waiter.resume(*settled);
 }
 
 void SocketPool::cancel(SocketWaiter& waiter) noexcept {
@@ -232,79 +306,106 @@ void SocketPool::cancel(SocketWaiter& waiter) noexcept {
         if (!waiter.linked)
             return false;
         unlink(table, waiter);
-        unregister(table, waiter.file, waiter.events);
+        if (!queue_->keepsRegistrations())
+            unregister(table, waiter.file, waiter.events);
         return true;
     });
     if (removed)
         waiter.resume(Outcome::cancelled);
 }
 
-void SocketPool::descriptorWillClose(Socket::FileDescriptor file) noexcept {
+SocketWaiter* SocketPool::retire(Table& table, Socket::FileDescriptor file, bool closedAlready) noexcept {
     SocketWaiter* chain = nullptr;
-    table_.withLock([&](Table& table) {
-        const auto index = static_cast<std::size_t>(file.rawValue);
-        if (file.rawValue < 0 || index >= table.byFile.size())
-            return;
-        Socket::Events released;
-        while (auto* waiter = table.byFile[index]) {
-            released.insert(waiter->events);
-            unlink(table, *waiter);
-            push(chain, *waiter);
-        }
+    auto& entry = table.byFile[static_cast<std::size_t>(file.rawValue)];
+    ++entry.generation;
+    entry.ready = {};
+    Socket::Events released{Socket::Event::read, Socket::Event::write};
+    if (!queue_->keepsRegistrations())
+        released = eventsOn(table, file);
+    while (auto* waiter = entry.waiters) {
+        unlink(table, *waiter);
+        push(chain, *waiter);
+    }
+    // Closed already, the kernel has dropped what it held for the old descriptor.
+    if (closedAlready)
+        queue_->forget(file);
+    else if (table.state == State::ready || table.state == State::running)
         unregister(table, file, released);
-    });
+    return chain;
+}
+
+void SocketPool::descriptorWillClose(Socket::FileDescriptor file) noexcept {
+    if (file.rawValue < 0)
+        return;
+    SocketWaiter* chain = nullptr;
+    try {
+        table_.withLock([&](Table& table) {
+            slot(table, file);
+            chain = retire(table, file, false);
+        });
+    } catch (const std::bad_alloc&) {
+        // The table could not grow to the number: nothing was ever registered for it.
+    }
     resumeChain(chain, Outcome::disconnected);
+}
+
+std::uint32_t SocketPool::descriptorGeneration(Socket::FileDescriptor file) const noexcept {
+    return table_.withLock([&](Table& table) {
+        const auto index = static_cast<std::size_t>(file.rawValue);
+        return file.rawValue >= 0 && index < table.byFile.size() ? table.byFile[index].generation : 0;
+    });
+}
+
+std::uint32_t SocketPool::descriptorOpened(Socket::FileDescriptor file) noexcept {
+    if (file.rawValue < 0)
+        return 0;
+    SocketWaiter* chain = nullptr;
+    std::uint32_t generation = 0;
+    try {
+        table_.withLock([&](Table& table) {
+            auto& entry = slot(table, file);
+            // Common case: the number's last socket closed through the pool, nothing is left.
+            if (entry.waiters || !entry.ready.empty() || queue_->isRegistered(file))
+                chain = retire(table, file, true);
+            generation = entry.generation;
+        });
+    } catch (const std::bad_alloc&) {
+    }
+    resumeChain(chain, Outcome::disconnected);
+    return generation;
+}
+
+void SocketPool::collect(Table& table, const std::vector<EventNotification>& notifications, SocketWaiter*& ready,
+                         SocketWaiter*& failed) noexcept {
+    const bool keep = queue_->keepsRegistrations();
+    for (const auto& notification : notifications) {
+        const auto index = static_cast<std::size_t>(notification.file.rawValue);
+        if (notification.file.rawValue < 0 || index >= table.byFile.size())
+            continue;
+        auto& entry = table.byFile[index];
+        Socket::Events released;
+        for (auto* waiter = entry.waiters; waiter;) {
+            auto* next = waiter->next;
+            if (!(waiter->events & notification.events).empty()) {
+                released.insert(waiter->events);
+                unlink(table, *waiter);
+                push(notification.errors.empty() ? ready : failed, *waiter);
+            }
+            waiter = next;
+        }
+        if (keep)
+            entry.ready.insert(notification.events - released);
+        else if (!released.empty())
+            unregister(table, notification.file, released);
+    }
 }
 
 void SocketPool::resumeReadyWaiters(const std::vector<EventNotification>& notifications) noexcept {
     SocketWaiter* ready = nullptr;
     SocketWaiter* failed = nullptr;
-    table_.withLock([&](Table& table) {
-        const bool rearm = queue_->disarmsOnDelivery();
-        if (rearm)
-            queue_->delivered(notifications);
-        for (const auto& notification : notifications) {
-            const auto index = static_cast<std::size_t>(notification.file.rawValue);
-            if (notification.file.rawValue < 0 || index >= table.byFile.size())
-                continue;
-            Socket::Events released;
-            for (auto* waiter = table.byFile[index]; waiter;) {
-                auto* next = waiter->next;
-                if (!(waiter->events & notification.events).empty()) {
-                    released.insert(waiter->events);
-                    unlink(table, *waiter);
-                    push(notification.errors.empty() ? ready : failed, *waiter);
-                }
-                waiter = next;
-            }
-            if (!released.empty() && !rearm)
-                unregister(table, notification.file, released);
-        }
-        if (!rearm)
-            return;
-        // The reported descriptors are disarmed: arm again what their remaining waiters need.
-        for (std::size_t i = 0; i < notifications.size(); ++i) {
-            const auto file = notifications[i].file;
-            bool seen = false;
-            for (std::size_t j = 0; j < i && !seen; ++j)
-                seen = notifications[j].file == file;
-            const auto remaining = seen ? Socket::Events() : eventsOn(table, file);
-            if (remaining.empty())
-                continue;
-            try {
-                queue_->addEvents(remaining, file);
-            } catch (const std::exception& error) {
-                logger_->logError([&] { return std::string("resumeContinuation queue.addEvents: ") + error.what(); });
-                // Nothing would wake them now: they learn it as a failed descriptor.
-                while (auto* waiter = table.byFile[static_cast<std::size_t>(file.rawValue)]) {
-                    unlink(table, *waiter);
-                    push(failed, *waiter);
-                }
-            }
-        }
-    });
+    table_.withLock([&](Table& table) { collect(table, notifications, ready, failed); });
+    resumeChain(ready, Outcome::ready);
     resumeChain(failed, Outcome::disconnected);
-    resumeChain(ready, Outcome::ready, true);
 }
 
 void SocketPool::cancelAll() noexcept {
@@ -317,11 +418,13 @@ void SocketPool::cancelAll() noexcept {
             logger_->logError([&] { return std::string("SocketPoll cancelAll queue.close: ") + error.what(); });
         }
         table.state = State::complete;
-        for (auto& head : table.byFile)
-            while (auto* waiter = head) {
+        for (auto& entry : table.byFile) {
+            entry.ready = {};
+            while (auto* waiter = entry.waiters) {
                 unlink(table, *waiter);
                 push(chain, *waiter);
             }
+        }
     });
     resumeChain(chain, Outcome::cancelled);
     queue_->stop();
@@ -347,7 +450,7 @@ async::Task<void> SocketPool::run() {
             throw Error("Not Ready");
         table.state = State::running;
     });
-    if (!waitThread_)
+    if (!waitThread_ && queue_->pollableDescriptor() < 0)
         waitThread_ = std::make_unique<WaitThread>(*this);
     std::exception_ptr failure;
     try {

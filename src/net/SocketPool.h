@@ -1,5 +1,6 @@
 #pragma once
 #include "async/SerialExecutor.h"
+#include "async/ThreadPool.h"
 #include "async/Task.h"
 #include "net/AsyncSocketPool.h"
 #include "net/EventQueue.h"
@@ -7,6 +8,8 @@
 #include "net/Mutex.h"
 #include "net/Poll.h"
 
+#include <cstdint>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,14 +18,20 @@
 
 namespace orvel::net {
 
-// The event loop: while run() runs, the pool waits on an event queue and resumes the tasks
-// parked on descriptors that became ready. prepare() and run() are serialised on the pool's own
-// serial executor. The blocking wait runs on one thread per pool (named "orvel.socketpool", cut
-// to the kernel's 15 bytes), which resumes the ready waiters by posting each to its own
-// executor and never runs task code. The waiting table is guarded by a Mutex, so parking and
-// waking cost no executor hop and a wake-up is one hand-off; a waiter's node lives in its own
-// frame. Made and shared as std::shared_ptr; a running loop keeps its pool alive.
-class SocketPool final : public AsyncSocketPool, public std::enable_shared_from_this<SocketPool> {
+// The event loop: while run() runs, the pool resumes the tasks parked on descriptors that became
+// ready. prepare() and run() are serialised on the pool's own serial executor. Over epoll the
+// pool has no thread: its epoll descriptor is one of the thread pool's event sources, so an idle
+// worker waits on it and, when it wakes, takes the notifications without blocking and posts the
+// ready waiters (the first runs next on that worker). Over a queue without a pollable descriptor
+// one thread per pool (named "orvel.socketpool", cut to the kernel's 15 bytes) does the blocking
+// wait and only posts. Registrations over epoll are edge-triggered and kept for the life of the
+// descriptor: a wait must follow an attempt that would block (the retry rule), and readiness
+// that arrives while nobody waits is kept for the next waiter. The waiting table is guarded by a
+// Mutex; a waiter's node lives in its own frame. Made and shared as std::shared_ptr; a running
+// loop keeps its pool alive.
+class SocketPool final : public AsyncSocketPool,
+                         public std::enable_shared_from_this<SocketPool>,
+                         private async::ThreadPool::EventSource {
     struct Passkey {};
 
 public:
@@ -53,6 +62,8 @@ public:
     // with "Not Ready" unless the pool is ready.
     async::Task<void> run() override;
     void descriptorWillClose(Socket::FileDescriptor file) noexcept override;
+    std::uint32_t descriptorGeneration(Socket::FileDescriptor file) const noexcept override;
+    std::uint32_t descriptorOpened(Socket::FileDescriptor file) noexcept override;
 
     std::optional<State> state() const;
     // Parked tasks.
@@ -64,27 +75,48 @@ protected:
     void cancel(SocketWaiter& waiter) noexcept override;
 
 private:
+    // What the pool knows of one descriptor number.
+    struct Slot {
+        SocketWaiter* waiters = nullptr;  // a linked list
+        std::uint32_t generation = 0;     // counts the sockets that held the number
+        Socket::Events ready;             // kept registrations: readiness nobody has waited for yet
+    };
     struct Table {
         std::optional<State> state;
-        std::vector<SocketWaiter*> byFile;  // waiters per descriptor number, a linked list each
+        std::vector<Slot> byFile;
         std::size_t count = 0;
     };
     class WaitThread;
     struct LoopWait;
 
+    static Slot& slot(Table& table, Socket::FileDescriptor file);
     static Socket::Events eventsOn(const Table& table, Socket::FileDescriptor file) noexcept;
     static void link(Table& table, SocketWaiter& waiter);
     static void unlink(Table& table, SocketWaiter& waiter) noexcept;
     // Unregisters what no remaining waiter on `file` needs; a failure is logged, not raised.
     void unregister(const Table& table, Socket::FileDescriptor file, Socket::Events released) noexcept;
+    // Unlinks the waiters a batch wakes, with the table's lock held.
+    void collect(Table& table, const std::vector<EventNotification>& notifications, SocketWaiter*& ready,
+                 SocketWaiter*& failed) noexcept;
     void resumeReadyWaiters(const std::vector<EventNotification>& notifications) noexcept;
+    // On a pool worker, when the queue's descriptor changed: takes every ready notification.
+    void ready() noexcept override;
+    // Resumes the loop task once, with the queue's failure if there was one.
+    void endLoop(std::exception_ptr failure) noexcept;
     void cancelAll() noexcept;
+    // Unlinks the number's waiters (returned as a chain), drops its registration and readiness,
+    // and starts a new generation. With the table's lock held.
+    SocketWaiter* retire(Table& table, Socket::FileDescriptor file, bool closedAlready) noexcept;
 
     std::unique_ptr<EventQueue> queue_;
     Logger logger_;
     async::SerialExecutor executor_;
     Mutex<Table> table_;
     std::unique_ptr<WaitThread> waitThread_;
+    // Under the table's lock: the loop task's node while it serves, and where its failure goes.
+    SocketWaiter* loop_ = nullptr;
+    std::exception_ptr* loopFailure_ = nullptr;
+    std::vector<EventNotification> batch_;  // under the table's lock
 };
 
 }  // namespace orvel::net

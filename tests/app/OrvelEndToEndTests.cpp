@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
+#include <thread>
 
 namespace orvel {
 namespace {
@@ -174,6 +175,27 @@ TEST_F(OrvelEndToEnd, QuittingWhileThreePagesStreamEndsCleanlyWithBothTerminatio
         EXPECT_EQ(orvel->terminate(), 0) << "round " << round << "\n" << orvel->output();
         EXPECT_TRUE(ranTerminationSteps(orvel->output())) << "round " << round;
     }
+}
+
+// A stop and continue interrupts every blocked wait with EINTR, even with signals blocked.
+TEST_F(OrvelEndToEnd, StoppingAndContinuingTheProcessLeavesItServingAndStreaming) {
+    test::PulseAudioServer pulse;
+    auto orvel = start({{"PULSE_SERVER", pulse.server()}});
+    test::WebSocketClient page("http://localhost");
+    page.sendText(R"({"type":"loopback","sample_rate":16000})");
+    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_TRUE(page.receive()) << "stream ended before round " << round << "\n" << orvel->output();
+        orvel->signal(SIGSTOP);
+        std::this_thread::sleep_for(5ms);  // lets the stop land while the loop waits
+        orvel->signal(SIGCONT);
+    }
+    for (int i = 0; i < 3; ++i) {
+        const auto message = page.receive();
+        ASSERT_TRUE(message && message->opcode == 2) << orvel->output();
+    }
+    EXPECT_EQ(test::httpExchange(getVersion).statusLine, "HTTP/1.1 200 OK");
+    EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
 }
 
 TEST_F(OrvelEndToEnd, WithoutASoundServerTheCaptureFailureIsLoggedAndTheServerGoesOn) {

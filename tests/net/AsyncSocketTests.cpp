@@ -7,8 +7,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
 #include <numeric>
 #include <string>
+#include <thread>
 
 using namespace orvel;
 using namespace orvel::net;
@@ -41,6 +43,20 @@ struct Closing {
 async::Task<Bytes> readBytes(AsyncSocket socket, std::size_t count) { co_return co_await socket.readBytes(count); }
 async::Task<Bytes> readAtMost(AsyncSocket socket, std::size_t count) { co_return co_await socket.readAtMost(count); }
 async::Task<void> writeAll(AsyncSocket socket, Bytes data) { co_await socket.write(data); }
+// Reads one byte, then blocks its thread until released (a minute at most): true when released.
+async::Task<bool> readThenBlock(AsyncSocket socket, std::shared_future<void> released) {
+    co_await socket.read();
+    co_return released.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+}
+
+async::Task<void> echo(AsyncSocket socket, int count) {
+    for (int i = 0; i < count; ++i) {
+        const auto byte = co_await socket.read();
+        co_await socket.write(std::span<const std::uint8_t>(&byte, 1));
+    }
+}
+
+async::Task<void> waitToRead(AsyncSocket socket) { co_await socket.waitUntil(Socket::Event::read); }
 async::Task<AsyncSocket> acceptOne(AsyncSocket listener) { co_return co_await listener.accept(); }
 async::Task<std::optional<std::uint8_t>> nextByte(AsyncSocketReadSequence sequence) { co_return co_await sequence.next(); }
 async::Task<AsyncSocket> connectTo(AnySocketAddress address, std::shared_ptr<SocketPool> pool) {
@@ -160,6 +176,44 @@ TEST_F(AsyncSocketReading, BytesALineReaderLeavesReachTheNextReaderExactlyOnceTh
     EXPECT_EQ(async::syncWait(lineThenRest(reader.bytes(), 25)), "GET / HTTP/1.1\n|body-bytes");
     writer.close();
     EXPECT_EQ(outcome(async::spawn(nextByte(reader.bytes()))), "SocketError. Disconnected");
+}
+
+// A task that met EAGAIN parks while another closes the socket, and the number goes straight to
+// a new socket: the wait must end as disconnected, never fail to register nor wait on the new one.
+TEST_F(AsyncSocketReading, AWaitRacingCloseEndsAsDisconnectedAndNeverWatchesTheNumbersNextSocket) {
+    for (int round = 0; round < 300; ++round) {
+        auto [closing, peer] = AsyncSocket::makePair(pool);
+        Closing closesPeer(peer);
+        auto wait = async::spawn(waitToRead(closing));
+        if (round % 2 == 0)
+            std::this_thread::yield();
+        closing.close();
+        auto [next, nextPeer] = AsyncSocket::makePair(pool);  // most often takes the closed number
+        Closing a(next), b(nextPeer);
+        async::syncWait(writeAll(nextPeer, bytes("x")));
+        ASSERT_EQ(outcome(wait), "SocketError. Disconnected") << "round " << round;
+    }
+    EXPECT_EQ(outcome(async::spawn(test::waitOn(pool.get(), Socket(-1), Socket::Event::read))), "SocketError. Disconnected");
+}
+
+// One handler blocks its thread; another connection on the same pool must still echo. Were a woken
+// task run on the thread that waits for events, the blocked handler would hold every socket of
+// the pool: the echo would not come back until the block's guard ran out, and the test fails.
+TEST_F(AsyncSocketReading, AHandlerThatBlocksItsThreadDoesNotHoldUpAnotherConnection) {
+    auto [blocked, blockedPeer] = AsyncSocket::makePair(pool);
+    auto [echoed, echoedPeer] = AsyncSocket::makePair(pool);
+    Closing a(blocked), b(blockedPeer), c(echoed), d(echoedPeer);
+    std::promise<void> release;
+    auto blocker = async::spawn(readThenBlock(blocked, release.get_future().share()));
+    auto echoer = async::spawn(echo(echoed, 20));
+    async::syncWait(writeAll(blockedPeer, bytes("x")));
+    for (int i = 0; i < 20; ++i) {
+        async::syncWait(writeAll(echoedPeer, bytes("e")));
+        ASSERT_EQ(async::syncWait(readBytes(echoedPeer, 1)), bytes("e")) << "round " << i;
+    }
+    release.set_value();
+    EXPECT_TRUE(blocker.wait()) << "the echo waited for the blocked handler";
+    EXPECT_EQ(outcome(echoer), "");
 }
 
 using AsyncSocketConnecting = test::RunningPool;

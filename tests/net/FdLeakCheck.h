@@ -1,4 +1,7 @@
 #pragma once
+#include "async/ThreadPool.h"
+#include "async/TimerService.h"
+
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -15,8 +18,11 @@
 
 namespace orvel::test {
 
-// The descriptors this process has open, each with what it refers to ("socket:[123]").
+// The descriptors this process has open, each with what it refers to ("socket:[123]"). The
+// runtime's own (the thread pool's reactor and the timers' timerfd, made on first use and kept
+// for the life of the process) are made first, so that they are never taken for a leak.
 inline std::map<int, std::string> openDescriptors() {
+    async::TimerService::shared();
     std::map<int, std::string> descriptors;
     DIR* directory = ::opendir("/proc/self/fd");
     if (!directory)

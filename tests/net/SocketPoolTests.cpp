@@ -11,6 +11,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 
@@ -35,6 +36,8 @@ public:
     void close() override { isOpen = false; }
     void stop() noexcept override { update([&] { stopped = true; }); }
     void addEvents(Socket::Events, Socket::FileDescriptor) override {}
+    bool isRegistered(Socket::FileDescriptor) const noexcept override { return false; }
+    void forget(Socket::FileDescriptor) noexcept override {}
     void removeEvents(Socket::Events, Socket::FileDescriptor) override {
         if (failRemoval)
             throw SocketError::failed("remove", EIO);
@@ -101,8 +104,10 @@ TEST_F(SocketPoolWaiters, TwoWaitersForReadAreBothWokenByOneNotification) {
     EXPECT_EQ(outcome(first), "");
     EXPECT_EQ(outcome(second), "");
     EXPECT_TRUE(parked(0));
-    // Already readable when it parks on the idle pool: registering it must end the idle wait.
-    EXPECT_EQ(outcome(async::spawn(waitOn(pool.get(), pair.socket(), Event::read))), "");
+    // Already readable when it first parks on the idle pool: registering it must end the idle wait.
+    Pair readable;
+    readable.peer().write("x", 1);
+    EXPECT_EQ(outcome(async::spawn(waitOn(pool.get(), readable.socket(), Event::read))), "");
 }
 
 TEST_F(SocketPoolWaiters, AReaderAndAWriterOnOneDescriptorAreWokenSeparately) {
@@ -116,7 +121,6 @@ TEST_F(SocketPoolWaiters, AReaderAndAWriterOnOneDescriptorAreWokenSeparately) {
     EXPECT_EQ(outcome(reader), "");
     EXPECT_EQ(pool->waitingCount(), 1u);
     EXPECT_FALSE(writer.isFinished());
-    EXPECT_TRUE(eventually([&] { return registered(pair.socket(), Event::write); }));
 
     std::vector<char> chunk(1 << 16);
     while (pair.peer().tryRead(chunk.data(), chunk.size()).done()) {
@@ -124,17 +128,36 @@ TEST_F(SocketPoolWaiters, AReaderAndAWriterOnOneDescriptorAreWokenSeparately) {
     EXPECT_EQ(outcome(writer), "");
 }
 
-TEST_F(SocketPoolWaiters, CancellingParkedTasksResumesThemWithCancellationAndUnregistersWithTheLast) {
+TEST_F(SocketPoolWaiters, CancellingParkedTasksResumesThemWithCancellation) {
     Pair pair;
     auto first = park(pair.socket(), Event::read);
     auto second = park(pair.socket(), Event::read);
     first.cancel();
     EXPECT_EQ(outcome(first), "CancellationError()");
     EXPECT_EQ(pool->waitingCount(), 1u);
-    EXPECT_TRUE(registered(pair.socket(), Event::read));
     second.cancel();
     EXPECT_EQ(outcome(second), "CancellationError()");
     EXPECT_EQ(pool->waitingCount(), 0u);
+}
+
+// Waits after the first cost no system call: wake-ups and cancellations leave the kernel's
+// registration as it is, and readiness that comes while nobody waits is kept for the next waiter.
+TEST_F(SocketPoolWaiters, ADescriptorStaysRegisteredUntilItClosesAndNoEdgeIsLost) {
+    Pair pair;
+    auto first = park(pair.socket(), Event::read);
+    pair.peer().write("x", 1);
+    EXPECT_EQ(outcome(first), "");
+    EXPECT_TRUE(registered(pair.socket(), Event::read));
+    pair.peer().write("y", 1);  // nobody waits for this one
+    EXPECT_EQ(outcome(async::spawn(waitOn(pool.get(), pair.socket(), Event::read))), "");
+
+    char buffer[4];
+    ASSERT_EQ(pair.socket().tryRead(buffer, sizeof buffer).count, 2u);
+    auto cancelled = park(pair.socket(), Event::read);
+    cancelled.cancel();
+    EXPECT_EQ(outcome(cancelled), "CancellationError()");
+    EXPECT_TRUE(registered(pair.socket(), Event::read));
+    pool->descriptorWillClose(pair.socket().file);
     EXPECT_TRUE(unregistered(pair.socket()));
 }
 
@@ -202,6 +225,43 @@ TEST(SocketPoolStates, EpollAndPollPoolsServeWaitersParkedBeforeTheLoopRuns) {
         auto loop = async::spawn(runPool(pool.get()));
         EXPECT_EQ(outcome(waiter), "");
         loop.cancel();
+        EXPECT_EQ(outcome(loop), "CancellationError()");
+    }
+}
+
+namespace {
+// The state letter of each of this process's threads with the name (R running, S sleeping).
+std::string statesOfThreads(std::string_view name) {
+    std::string states;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm"), stat(task.path() / "stat");
+        std::string threadName, line;
+        std::getline(comm, threadName);
+        std::getline(stat, line);
+        if (threadName == name && line.rfind(')') != std::string::npos)
+            states += line[line.rfind(')') + 2];
+    }
+    return states;
+}
+}  // namespace
+
+// A poll pool parks while nobody waits, however long its interval: a first waiter is served at
+// once, stopping takes effect at once, and with `immediate` the idle loop does not spin.
+TEST(SocketPoolStates, APollPoolParksWhileIdleAndWakesForAWaiterOrAStop) {
+    test::FdSnapshot descriptors;
+    const auto logger = std::make_shared<DisabledLogger>();
+    for (const auto interval : {Poll::Interval::seconds(600), Poll::Interval::immediate()}) {
+        auto pool = SocketPool::poll(interval, logger);
+        async::syncWait(preparePool(pool.get()));
+        auto loop = async::spawn(runPool(pool.get()));
+        ASSERT_TRUE(eventually([&] { return pool->state() == SocketPool::State::running; }));
+        EXPECT_TRUE(eventually([&] { return statesOfThreads("orvel.socketpoo").find_first_not_of('S') == std::string::npos; }));
+        Pair pair;
+        pair.peer().write("x", 1);
+        auto waiter = async::spawn(waitOn(pool.get(), pair.socket(), Event::read));
+        ASSERT_TRUE(eventually([&] { return waiter.isFinished(); })) << "the first waiter waited out the interval";
+        loop.cancel();
+        ASSERT_TRUE(eventually([&] { return loop.isFinished(); })) << "stop() did not end the wait";
         EXPECT_EQ(outcome(loop), "CancellationError()");
     }
 }
