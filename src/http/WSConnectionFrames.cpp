@@ -3,12 +3,17 @@
 #include "http/HTTPConnection.h"
 #include "http/WSFrameEncoder.h"
 #include "http/WSFrameValidator.h"
+#include "async/Sleep.h"
+#include "async/Spawn.h"
 #include "net/SocketError.h"
 
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstdint>
 #include <exception>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +24,30 @@ namespace {
 
 // Gathering stops once a write holds this much; the rest goes in the next one.
 constexpr std::size_t maxWriteBytes = 256 * 1024;
+
+// A peer that took too little to stay within its budget gets this long to take the rest and the
+// close frame; then its socket is shut down, so a page that never reads again holds nothing.
+constexpr auto overflowGrace = std::chrono::seconds(5);
+
+// The connection's descriptor for a late shutdown, until serving ends (then the number may
+// belong to someone else).
+struct ShutdownGuard {
+    std::mutex mutex;
+    int file;
+    bool serving = true;
+    std::optional<async::TaskHandle<void>> timer;
+};
+
+async::Task<void> shutDownAfterGrace(std::shared_ptr<ShutdownGuard> guard) {
+    try {
+        co_await async::sleep(overflowGrace);
+    } catch (const async::CancellationError&) {
+        co_return;
+    }
+    std::lock_guard lock(guard->mutex);
+    // Its waits then fail, and the connection ends as a failed write.
+    if (guard->serving) ::shutdown(guard->file, SHUT_RDWR);
+}
 
 }  // namespace
 
@@ -63,11 +92,15 @@ async::Task<void> WSConnectionFrames::stop() {
 async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSHandler> handler, std::string header) {
     auto incoming = std::make_shared<WSConnectionFrames>(connection.reader());
     std::optional<WSFrameStream> frames(co_await handler->makeFrames(incoming));
-    frames->onOverflow([logger = connection.logger(), host = connection.hostname()](std::size_t budget) {
+    auto guard = std::make_shared<ShutdownGuard>();
+    guard->file = connection.socket().file.rawValue;
+    frames->onOverflow([logger = connection.logger(), host = connection.hostname(), guard](std::size_t budget) {
         logger->logWarning([&] {
             return "<" + host + "> WebSocket client too slow: more than " + std::to_string(budget) +
                    " bytes not sent, closing the connection";
         });
+        std::lock_guard lock(guard->mutex);
+        if (guard->serving) guard->timer = async::spawn(shutDownAfterGrace(guard));
     });
 
     std::exception_ptr failure;
@@ -102,6 +135,13 @@ async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSH
     // socket; shutting the read side down ends it (it sees the end of the bytes), so that
     // nothing touches the connection once it is closed.
     frames.reset();
+    std::optional<async::TaskHandle<void>> timer;
+    {
+        std::lock_guard lock(guard->mutex);
+        guard->serving = false;
+        timer = std::exchange(guard->timer, std::nullopt);
+    }
+    if (timer) timer->cancel();
     ::shutdown(connection.socket().file.rawValue, SHUT_RD);
     co_await incoming->stop();
     if (failure) std::rethrow_exception(failure);
