@@ -1,5 +1,6 @@
 #include "async/ThreadPool.h"
 
+#include "async/TimerService.h"
 #include "async/detail/TaskContext.h"
 
 #include <pthread.h>
@@ -56,7 +57,12 @@ thread_local ThreadPool::Worker* ThreadPool::currentWorker_ = nullptr;
 Executor* currentExecutor() noexcept { return currentExecutorSlot; }
 void detail::setCurrentExecutor(Executor* executor) noexcept { currentExecutorSlot = executor; }
 
-Executor& defaultExecutor() { return ThreadPool::shared(); }
+Executor& defaultExecutor() {
+    // The timer service comes up with the first task, not at its first sleep: a process out of
+    // descriptors by then (a flood of connections) must still be able to sleep and time out.
+    static ThreadPool& pool = (TimerService::shared(), ThreadPool::shared());
+    return pool;
+}
 
 ThreadPool& ThreadPool::shared() {
     // Never destroyed: tasks may still be parked when static destructors run.

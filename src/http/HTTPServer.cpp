@@ -252,16 +252,21 @@ async::Task<void> HTTPServer::pauseAccepting() {
         std::lock_guard lock(mutex_);
         acceptPause_ = &pause;
     }
+    std::exception_ptr failure;
     try {
         auto nap = sleepFor(acceptPauseLimit);
         co_await pause.run(nap);
     } catch (const async::CancellationError&) {
         // a connection closed, or the server stops
+    } catch (...) {
+        failure = std::current_exception();
     }
     {
+        // Whatever ended the pause: connections must not cancel a scope that is gone.
         std::lock_guard lock(mutex_);
         acceptPause_ = nullptr;
     }
+    if (failure) std::rethrow_exception(failure);
     async::checkCancellation();
 }
 
