@@ -51,27 +51,28 @@ void TaskContext::removeChild(TaskContext* child) {
 // under it and lets go before running the handler or cancelling the child, so no lock of this
 // task or of an ancestor is held while foreign code runs: a handler may touch any task (add a
 // child to its parent's group, cancel an ancestor, unregister itself) without deadlocking. What
-// the lock used to give, that a handler never runs after remove() has returned, comes from
-// running_: remove() of a handler that is running on another thread waits for it.
+// the lock used to give, that a handler never runs after remove() has returned and that a task
+// resumed by its cancellation finds every handler told, comes from tellingHandlers_: remove() on
+// another thread waits until cancel() has gone through the handlers.
 void TaskContext::cancel() noexcept {
     if (cancelled_.exchange(true, std::memory_order_acq_rel)) return;
     std::unique_lock lock(mutex_);
     // Handlers registered from now on run at once in add(), so the list only shrinks.
+    tellingHandlers_ = true;
+    runningOn_ = std::this_thread::get_id();
     while (CancellationNode* node = handlers_) {
         handlers_ = node->next;
         if (handlers_) handlers_->previous = nullptr;
         node->linked = false;
-        running_ = node;
-        runningOn_ = std::this_thread::get_id();
         lock.unlock();
         try {
             node->run(node);
         } catch (...) {
         }
         lock.lock();
-        running_ = nullptr;
-        handlerDone_.notify_all();
     }
+    tellingHandlers_ = false;
+    handlerDone_.notify_all();
     // Children made from now on start cancelled. One that finishes meanwhile moves the cursor on
     // (removeChild), and the one being cancelled is kept alive by its reference.
     nextToCancel_ = firstChild_;
@@ -113,11 +114,22 @@ void TaskContext::remove(CancellationNode& node) noexcept {
         else handlers_ = node.next;
         if (node.next) node.next->previous = node.previous;
         node.linked = false;
-        return;
+        // Cancelled, and cancel() has not reached this handler yet (it tells them one at a time
+        // and the task may go on meanwhile): told here, so every handler registered before the
+        // cancellation runs exactly once.
+        if (isCancelled()) {
+            lock.unlock();
+            try {
+                node.run(&node);
+            } catch (...) {
+            }
+            lock.lock();
+        }
     }
-    // A handler that unregisters itself from inside its own run must not wait for itself.
-    if (running_ == &node && runningOn_ != std::this_thread::get_id())
-        handlerDone_.wait(lock, [&] { return running_ != &node; });
+    // The task goes on only once cancel() has told all its handlers, as if they had run at once.
+    // A handler that unregisters itself (or another) from inside a run must not wait for itself.
+    if (tellingHandlers_ && runningOn_ != std::this_thread::get_id())
+        handlerDone_.wait(lock, [&] { return !tellingHandlers_; });
 }
 
 }  // namespace orvel::async::detail

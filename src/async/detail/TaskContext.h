@@ -67,7 +67,7 @@ private:
     std::mutex mutex_;
     std::condition_variable handlerDone_;
     CancellationNode* handlers_ = nullptr;
-    CancellationNode* running_ = nullptr;  // the handler cancel() runs now, and on which thread
+    bool tellingHandlers_ = false;  // cancel() is going through the handlers, on runningOn_
     std::thread::id runningOn_;
     TaskContext* nextToCancel_ = nullptr;  // cancel()'s place among the children
     TaskContext* parent_;
