@@ -185,42 +185,19 @@ TEST_F(HTTPServerTest, DecodesARequestDeliveredOneBytePerWriteAndEndsQuietlyWhen
     for (const std::string& line : logger->lines()) EXPECT_THAT(line, Not(StartsWith("error:")));
 }
 
-TEST_F(HTTPServerTest, AnswersTwoRequestsPipelinedInOneWriteInOrder) {
-    start();
-    LoopbackClient client(port);
-    client.send("GET /nothing HTTP/1.1\r\nConnection: keep-alive\r\n\r\nGET /version HTTP/1.1\r\n\r\n");
-    EXPECT_THAT(client.response(), HasSubstr("404 Not Found"));
-    EXPECT_EQ(client.response(), okResponse);
-    EXPECT_TRUE(client.closedWithNothingMore());
-}
-
-TEST_F(HTTPServerTest, DropsAnUnreadStreamedBodyAndServesTheNextRequest) {
+// The decoder's own limits and malformed inputs are unit-tested; here that one closes the connection.
+TEST_F(HTTPServerTest, AnswersPipelinedRequestsInOrderPastAnUnreadBodyAndClosesOnAMalformedOne) {
     start();
     LoopbackClient client(port);
     // 4096 bytes is over the replay size of 1024: streamed, left unread by the handler.
-    client.send("POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: 4096\r\n\r\n" +
-                std::string(4096, 'G') + "GET /version HTTP/1.1\r\n\r\n");
+    client.send("GET /nothing HTTP/1.1\r\nConnection: keep-alive\r\n\r\n"
+                "POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: 4096\r\n\r\n" +
+                std::string(4096, 'G') + "GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\nNONSENSE\r\n\r\n");
+    EXPECT_THAT(client.response(), HasSubstr("404 Not Found"));
     EXPECT_THAT(client.response(), HasSubstr("202 Accepted"));
-    EXPECT_EQ(client.response(), okResponse);
-}
-
-TEST_F(HTTPServerTest, ClosesWithoutAResponseOnAMalformedOrOverLongRequest) {
-    start();
-    std::string headers;
-    for (std::size_t i = 0; i < HTTPDecoder::maxHeaderLines; ++i) headers += "X-" + std::to_string(i) + ": v\r\n";
-    const std::pair<std::string, std::string> cases[] = {
-        {"NONSENSE\r\n\r\n", "No HTTP Method"},
-        {"GET /" + std::string(HTTPDecoder::maxLineBytes, 'a') + " HTTP/1.1\r\n\r\n", "Line Too Long"},
-        {"GET /version HTTP/1.1\r\nX: " + std::string(HTTPDecoder::maxLineBytes, 'v') + "\r\n\r\n", "Line Too Long"},
-        {"GET /version HTTP/1.1\r\n" + headers + "X-last: v\r\n\r\n", "Too Many Header Lines"},
-        {"GET /version%0d%0aX:%20y HTTP/1.1\r\n\r\n", "Invalid Path"},
-    };
-    for (const auto& [request, error] : cases) {
-        LoopbackClient client(port);
-        client.send(request);
-        EXPECT_TRUE(client.closedWithNothingMore()) << error;
-        EXPECT_EQ(logger->waitFor(error), "error: <127.0.0.1> error: " + error);
-    }
+    EXPECT_THAT(client.response(), HasSubstr("412"));
+    EXPECT_TRUE(client.closedWithNothingMore());
+    EXPECT_EQ(logger->waitFor("No HTTP Method"), "error: <127.0.0.1> error: No HTTP Method");
 }
 
 TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimit) {

@@ -140,7 +140,8 @@ TEST_F(WebSocketLoopback, FragmentedMessageWithAPingAndAPongBetweenFragments) {
     EXPECT_EQ(client.readFrame(), frame(Opcode::text, true, bytesOf("fragmented")));
 }
 
-// Each row: what the peer sends after the handshake, and every frame it gets before the end.
+// Each row: what the peer sends after the handshake, and every frame it gets before the end. The
+// validator's and decoder's own rules are unit-tested; here one of each reaches the wire.
 TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsCloseFrame) {
     auto masked = [](WSFrame f) {
         f.mask = WSFrame::Mask{1, 2, 3, 4};
@@ -149,25 +150,13 @@ TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsClose
     auto close = [&](Bytes payload) { return masked(frame(Opcode::close, true, std::move(payload))); };
     const std::vector<std::tuple<const char*, std::vector<Bytes>, std::vector<WSFrame>>> cases = {
         {"peer's close", {close({0x03, 0xE8})}, {goodbye}},
-        {"peer's close without a code", {close({})}, {goodbye}},
-        {"peer's close with a private code and a reason", {close({0x0F, 0xA0, 'o', 'k'})}, {goodbye}},
         {"ping of 125 bytes, then close", {masked(frame(Opcode::ping, true, Bytes(125, 1))), close({})},
          {frame(Opcode::pong, true, Bytes(125, 1)), goodbye}},
         {"continuation first", {masked(frame(Opcode::continuation, true, {1}))}, {protocolError}},
-        {"second fragmented message", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::binary, false))}, {protocolError}},
-        {"whole message inside a fragmented one", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::text, true))}, {protocolError}},
-        {"fragmented control frame", {masked(frame(Opcode::ping, false))}, {protocolError}},
-        {"ping of 126 bytes", {masked(frame(Opcode::ping, true, Bytes(126)))}, {protocolError}},
-        {"reserved bit", {masked(WSFrame{.rsv1 = true, .opcode = Opcode::binary})}, {protocolError}},
         {"unmasked frame", {WSFrameEncoder::encode(frame(Opcode::binary, true, {1}))}, {protocolError}},
-        {"close of one byte", {close({0x03})}, {protocolError}},
-        {"close code 1005", {close({0x03, 0xED})}, {protocolError}},
-        {"close code 2999", {close({0x0B, 0xB7})}, {protocolError}},
-        {"close reason not UTF-8", {close({0x03, 0xE8, 0xFF})}, {protocolError}},
         {"invalid UTF-8", {masked(frame(Opcode::text, true, {0xC3, 0x28}))}, {protocolError}},
         {"unknown opcode", {masked(frame(static_cast<Opcode>(0x3), true))}, {protocolError}},
         {"reserved control opcode", {masked(frame(static_cast<Opcode>(0xB), true))}, {protocolError}},
-        {"length with the top bit set", {{0x82, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4}}, {protocolError}},
         {"message over 16 MiB", {{0x82, 0xFF, 0, 0, 0, 0, 0x01, 0, 0, 1, 1, 2, 3, 4}}, {protocolError}},
     };
     Server server;
@@ -177,8 +166,6 @@ TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsClose
         for (const auto& bytes : wire) client.send(bytes);
         EXPECT_EQ(client.readUntilClosed(), expected) << rule;
     }
-    EXPECT_THAT(goodbye.payload, ElementsAre(0x03, 0xEA, 'G', 'o', 'o', 'd', 'b', 'y', 'e'));
-    EXPECT_THAT(protocolError.payload, ElementsAre(0x03, 0xEA, 'P', 'r', 'o', 't', 'o', 'c', 'o', 'l', ' ', 'E', 'r', 'r', 'o', 'r'));
 }
 
 TEST_F(WebSocketLoopback, APeerThatPingsAndNeverReadsIsDroppedOnceItsPongsPassTheBudget) {
