@@ -4,6 +4,7 @@
 
 #include "HTTPTestSupport.h"
 #include "async/Spawn.h"
+#include "e2e/Process.h"
 #include "http/MessageFrameWSHandler.h"
 #include "http/WebSocketHTTPHandler.h"
 #include "net/FdLeakCheck.h"
@@ -11,19 +12,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>
-
-extern char** environ;
 
 namespace orvel::http {
 namespace {
@@ -229,43 +224,13 @@ TEST_F(WebSocketLoopback, AHandlerThatCannotStartLeavesNothingWritten) {
     EXPECT_EQ(server.log().waitFor("<127.0.0.1> error:"), "error: <127.0.0.1> error: no messages today");
 }
 
-// Runs the node ws peer against the server; its JSON report and exit status.
-std::pair<int, std::string> runNodePeer(const std::string& url) {
-    const std::string script = std::string(ORVEL_SOURCE_DIR) + "/tests/node/echo-check.js";
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return {-1, "pipe failed"};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    const char* argv[] = {"node", script.c_str(), url.c_str(), nullptr};
-    pid_t pid = -1;
-    int spawned = posix_spawnp(&pid, "node", &actions, nullptr, const_cast<char**>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    if (spawned != 0) {
-        ::close(out[0]);
-        return {-1, "node could not be started (scripts/setup installs it)"};
-    }
-    std::string report;
-    bool ended = false;  // the peer closed its output: it is exiting
-    pollfd readable{out[0], POLLIN, 0};
-    while (!ended && ::poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(hangGuard).count())) > 0) {
-        char chunk[4096];
-        ssize_t n = ::read(out[0], chunk, sizeof chunk);
-        if (n <= 0) ended = true;
-        else report.append(chunk, static_cast<std::size_t>(n));
-    }
-    ::close(out[0]);
-    if (!ended) ::kill(pid, SIGKILL);  // our own child, by its id: it outlived the guard
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    if (!ended) return {-1, report + " (node peer hung)"};
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, report};
-}
-
 TEST_F(WebSocketLoopback, TheNodeWsPeerTalksToUs) {
+    const std::string node = test::findProgram("node");
+    ASSERT_FALSE(node.empty()) << "node is missing (scripts/setup installs it)";
     Server server;
-    auto [status, report] = runNodePeer("ws://127.0.0.1:" + std::to_string(server.port()) + "/");
+    auto [status, report] = test::runProgram(
+        {node, std::string(ORVEL_SOURCE_DIR) + "/tests/node/echo-check.js", "ws://127.0.0.1:" + std::to_string(server.port()) + "/"},
+        {}, hangGuard);
     EXPECT_EQ(status, 0) << report;
     EXPECT_THAT(report, HasSubstr("\"open\":true"));
     for (const char* check : {"text round trip", "binary round trip", "1 MiB round trip", "fragmented send",
