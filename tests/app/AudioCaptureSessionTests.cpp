@@ -135,12 +135,5 @@ TEST_F(AudioCaptureSession, AStopWithErrorAfterTheEndDoesNothing) {
     EXPECT_TRUE(stream().destroyed) << "the platform stream lives only as long as the byte stream";
 }
 
-TEST(AudioCapturePermission, OnlyTheServersAccessDeniedIsARefusedPermission) {
-    EXPECT_TRUE(isCapturePermissionRefused(std::make_exception_ptr(platform::PulseAudioError::failed("Connect", 1))));
-    EXPECT_FALSE(isCapturePermissionRefused(std::make_exception_ptr(platform::PulseAudioError::failed("Connect", 6))));
-    EXPECT_FALSE(isCapturePermissionRefused(std::make_exception_ptr(AudioCaptureError::cannotCreateConverter())));
-    EXPECT_FALSE(isCapturePermissionRefused(nullptr));
-}
-
 }  // namespace
 }  // namespace orvel

@@ -4,6 +4,8 @@
 // takes a lock file shared by all test processes on this machine.
 
 #include "e2e/Process.h"
+#include "http/HTTPTestSupport.h"
+#include "http/HTTPTestSupport.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -57,44 +59,23 @@ inline Fd connectToOrvel() {
     return socket;
 }
 
-inline void sendAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n <= 0) throw std::runtime_error(std::string("send: ") + std::strerror(errno));
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-    }
-}
-
-// Whatever arrives until `enough` holds for it or the connection ends.
-template <class Enough>
-std::string receiveUntil(int fd, std::string received, Enough enough) {
-    char buffer[65536];
-    while (!enough(received)) {
-        ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n <= 0) break;
-        received.append(buffer, static_cast<std::size_t>(n));
-    }
-    return received;
-}
-
 struct HTTPAnswer {
     std::string statusLine;
     std::string head;  // header lines, each ending in \r\n
     std::string body;
 };
 
-// Sends one request and reads the answer until the server closes the connection.
+// Sends one request and reads its answer.
 inline HTTPAnswer httpExchange(const std::string& request) {
-    Fd socket = connectToOrvel();
-    if (!socket) throw std::runtime_error("cannot connect to orvel");
-    sendAll(socket.get(), request);
-    const std::string response = receiveUntil(socket.get(), "", [](const std::string&) { return false; });
+    http::LoopbackClient client(orvelPort);
+    client.send(request);
+    const std::string response = client.response();
     const auto lineEnd = response.find("\r\n"), headEnd = response.find("\r\n\r\n");
     if (headEnd == std::string::npos) return {response, "", ""};
     return {response.substr(0, lineEnd), response.substr(lineEnd + 2, headEnd - lineEnd), response.substr(headEnd + 4)};
 }
 
-// A page's side of one WebSocket: handshake, short masked text out, unmasked messages in.
+// A page's side of one WebSocket: handshake, masked text out, whole messages in.
 class WebSocketClient {
 public:
     struct Message {
@@ -103,70 +84,40 @@ public:
     };
 
     // Connects and sends the opening handshake with this Origin (none when empty).
-    explicit WebSocketClient(const std::string& origin) : socket_(connectToOrvel()) {
-        if (!socket_) throw std::runtime_error("cannot connect to orvel");
+    explicit WebSocketClient(const std::string& origin) : client_(std::make_unique<http::LoopbackClient>(orvelPort)) {
         std::string request = "GET / HTTP/1.1\r\nHost: 127.0.0.1:8505\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                               "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n";
         if (!origin.empty()) request += "Origin: " + origin + "\r\n";
-        sendAll(socket_.get(), request + "\r\n");
-        buffered_ = receiveUntil(socket_.get(), "", [](const std::string& r) { return r.find("\r\n\r\n") != std::string::npos; });
-        const auto end = buffered_.find("\r\n\r\n");
-        head_ = buffered_.substr(0, end == std::string::npos ? buffered_.size() : end + 4);
-        buffered_.erase(0, head_.size());
+        client_->send(request + "\r\n");
+        head_ = client_->response();
     }
 
     std::string statusLine() const { return head_.substr(0, head_.find("\r\n")); }
     const std::string& head() const { return head_; }
 
-    void sendText(std::string_view text) { sendFrame(0x1, text); }
+    void sendText(std::string_view text) { client_->sendFrame(http::frame(http::WSFrame::Opcode::text, true, http::bytesOf(text))); }
 
     // The next whole message (continuations joined); nullopt when the connection ended first.
     std::optional<Message> receive() {
         Message message;
-        while (true) {
-            if (!need(2)) return std::nullopt;
-            const auto b0 = byte(0), b1 = byte(1);
-            if (b1 & 0x80) throw std::runtime_error("the server masked a frame");
-            std::size_t header = 2, length = b1 & 0x7f;
-            if (length == 127) throw std::runtime_error("a frame longer than these tests expect");
-            if (length == 126) {
-                if (!need(4)) return std::nullopt;
-                header = 4;
-                length = (byte(2) << 8) | byte(3);
-            }
-            if (!need(header + length)) return std::nullopt;
-            if ((b0 & 0x0f) != 0) message.opcode = b0 & 0x0f;
-            message.payload += buffered_.substr(header, length);
-            buffered_.erase(0, header + length);
-            if (b0 & 0x80) return message;
+        while (auto frame = client_->readFrame()) {
+            if (frame->opcode != http::WSFrame::Opcode::continuation) message.opcode = static_cast<int>(frame->opcode);
+            message.payload.append(frame->payload.begin(), frame->payload.end());
+            if (frame->fin) return message;
         }
+        return std::nullopt;
     }
 
     // A clean close from the page's side, then the socket goes.
     void close() {
-        sendFrame(0x8, std::string("\x03\xe8", 2));
-        socket_ = Fd();
+        client_->sendFrame(http::frame(http::WSFrame::Opcode::close, true, {0x03, 0xE8}));
+        client_.reset();
     }
     // The socket goes without a closing handshake, as when a tab is killed.
-    void drop() { socket_ = Fd(); }
+    void drop() { client_.reset(); }
 
 private:
-    std::size_t byte(std::size_t at) const { return static_cast<unsigned char>(buffered_[at]); }
-    bool need(std::size_t bytes) {
-        buffered_ = receiveUntil(socket_.get(), std::move(buffered_), [&](const std::string& r) { return r.size() >= bytes; });
-        return buffered_.size() >= bytes;
-    }
-    void sendFrame(int opcode, std::string_view payload) {
-        if (payload.size() >= 126) throw std::runtime_error("a frame longer than these tests send");
-        const char mask[4] = {0x12, 0x34, 0x56, 0x78};
-        std::string frame{static_cast<char>(0x80 | opcode), static_cast<char>(0x80 | payload.size())};
-        frame.append(mask, 4);
-        for (std::size_t i = 0; i < payload.size(); ++i) frame += static_cast<char>(payload[i] ^ mask[i % 4]);
-        sendAll(socket_.get(), frame);
-    }
-
-    Fd socket_;
-    std::string buffered_;
+    std::unique_ptr<http::LoopbackClient> client_;
     std::string head_;
 };
 

@@ -147,23 +147,17 @@ TEST_F(StreamAudio, ARefusedPermissionHasItsOwnLine) {
     EXPECT_THAT(logger_->lines(), ElementsAre("error: User didn't grant screen capture permission, closing WebSocket connection."));
 }
 
+// The rate range itself is the delegate's; a rate past the signed range must not wrap into it.
 TEST_F(StreamAudio, RatesTheCaptureCannotServeTakeThePrematureFailurePath) {
-    // The real capture start: it refuses these rates before it touches a sound server.
-    for (const char* rate : {"0", "7999", "384001", "18446744073709551615"}) {
-        std::vector<std::int64_t> counts;
-        auto watch = currentStreamCount().subscribe([&](std::int64_t value) { counts.push_back(value); });
-        auto logger = std::make_shared<test::RecordingLogger>();
-        logger_ = logger;
-        auto sent = run({WSMessage::text(std::string(R"({"type":"loopback","sample_rate":)") + rate + "}")},
-                        [](std::int64_t r) { return startAudioCapture(r); });
-        EXPECT_THAT(sent, IsEmpty()) << rate;
-        EXPECT_THAT(counts, ElementsAre(0, 1, 0)) << rate;
-        ASSERT_EQ(logger->lines().size(), 1u) << rate;
-        EXPECT_EQ(logger->lines()[0], "error: Audio capture failed prematurely (" +
-                                          AudioCaptureError::cannotCreateSourceFormat().description() +
-                                          "), closing WebSocket connection.")
-            << rate;
-    }
+    std::vector<std::int64_t> counts;
+    auto watch = currentStreamCount().subscribe([&](std::int64_t value) { counts.push_back(value); });
+    auto sent = run({WSMessage::text(R"({"type":"loopback","sample_rate":18446744073709551615})")},
+                    [](std::int64_t r) { return startAudioCapture(r); });  // the real start, refusing before any server
+    EXPECT_THAT(sent, IsEmpty());
+    EXPECT_THAT(counts, ElementsAre(0, 1, 0));
+    EXPECT_THAT(logger_->lines(), ElementsAre("error: Audio capture failed prematurely (" +
+                                              AudioCaptureError::cannotCreateSourceFormat().description() +
+                                              "), closing WebSocket connection."));
 }
 
 TEST_F(StreamAudio, AConnectionThatGoesAwayCancelsTheStreamAndEndsTheCapture) {

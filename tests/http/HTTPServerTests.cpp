@@ -3,6 +3,7 @@
 #include "HTTPTestSupport.h"
 #include "async/Sleep.h"
 #include "async/Spawn.h"
+#include "e2e/Process.h"
 #include "net/FdLeakCheck.h"
 #include "net/SocketError.h"
 #include "net/SocketPool.h"
@@ -11,12 +12,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <poll.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-
 #include <algorithm>
+#include <sstream>
 #include <tuple>
 #include <string>
 #include <thread>
@@ -185,42 +182,19 @@ TEST_F(HTTPServerTest, DecodesARequestDeliveredOneBytePerWriteAndEndsQuietlyWhen
     for (const std::string& line : logger->lines()) EXPECT_THAT(line, Not(StartsWith("error:")));
 }
 
-TEST_F(HTTPServerTest, AnswersTwoRequestsPipelinedInOneWriteInOrder) {
-    start();
-    LoopbackClient client(port);
-    client.send("GET /nothing HTTP/1.1\r\nConnection: keep-alive\r\n\r\nGET /version HTTP/1.1\r\n\r\n");
-    EXPECT_THAT(client.response(), HasSubstr("404 Not Found"));
-    EXPECT_EQ(client.response(), okResponse);
-    EXPECT_TRUE(client.closedWithNothingMore());
-}
-
-TEST_F(HTTPServerTest, DropsAnUnreadStreamedBodyAndServesTheNextRequest) {
+// The decoder's own limits and malformed inputs are unit-tested; here that one closes the connection.
+TEST_F(HTTPServerTest, AnswersPipelinedRequestsInOrderPastAnUnreadBodyAndClosesOnAMalformedOne) {
     start();
     LoopbackClient client(port);
     // 4096 bytes is over the replay size of 1024: streamed, left unread by the handler.
-    client.send("POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: 4096\r\n\r\n" +
-                std::string(4096, 'G') + "GET /version HTTP/1.1\r\n\r\n");
+    client.send("GET /nothing HTTP/1.1\r\nConnection: keep-alive\r\n\r\n"
+                "POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: 4096\r\n\r\n" +
+                std::string(4096, 'G') + "GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\nNONSENSE\r\n\r\n");
+    EXPECT_THAT(client.response(), HasSubstr("404 Not Found"));
     EXPECT_THAT(client.response(), HasSubstr("202 Accepted"));
-    EXPECT_EQ(client.response(), okResponse);
-}
-
-TEST_F(HTTPServerTest, ClosesWithoutAResponseOnAMalformedOrOverLongRequest) {
-    start();
-    std::string headers;
-    for (std::size_t i = 0; i < HTTPDecoder::maxHeaderLines; ++i) headers += "X-" + std::to_string(i) + ": v\r\n";
-    const std::pair<std::string, std::string> cases[] = {
-        {"NONSENSE\r\n\r\n", "No HTTP Method"},
-        {"GET /" + std::string(HTTPDecoder::maxLineBytes, 'a') + " HTTP/1.1\r\n\r\n", "Line Too Long"},
-        {"GET /version HTTP/1.1\r\nX: " + std::string(HTTPDecoder::maxLineBytes, 'v') + "\r\n\r\n", "Line Too Long"},
-        {"GET /version HTTP/1.1\r\n" + headers + "X-last: v\r\n\r\n", "Too Many Header Lines"},
-        {"GET /version%0d%0aX:%20y HTTP/1.1\r\n\r\n", "Invalid Path"},
-    };
-    for (const auto& [request, error] : cases) {
-        LoopbackClient client(port);
-        client.send(request);
-        EXPECT_TRUE(client.closedWithNothingMore()) << error;
-        EXPECT_EQ(logger->waitFor(error), "error: <127.0.0.1> error: " + error);
-    }
+    EXPECT_THAT(client.response(), HasSubstr("412"));
+    EXPECT_TRUE(client.closedWithNothingMore());
+    EXPECT_EQ(logger->waitFor("No HTTP Method"), "error: <127.0.0.1> error: No HTTP Method");
 }
 
 TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimit) {
@@ -284,18 +258,6 @@ TEST_F(HTTPServerTest, ClosesAConnectionBeyondTheLimitAtOnceAndKeepsTheOthers) {
     EXPECT_EQ(first.response(), okResponse);
 }
 
-// Collects a child's output lines into `lines` as they come, so the child never blocks on the pipe.
-void collectLines(int fd, RecordingLogger* lines) {
-    std::string pending;
-    char chunk[4096];
-    for (ssize_t n; (n = ::read(fd, chunk, sizeof chunk)) > 0;) {
-        pending.append(chunk, static_cast<std::size_t>(n));
-        for (std::size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
-            lines->logInfo(pending.substr(0, end));
-        }
-    }
-}
-
 // A server child allowed 64 descriptors, flooded by 100 idle clients: accepting fails with
 // EMFILE, which must neither end the server nor spin, and the server serves again once they go.
 TEST(HTTPServerExhaustion, LivesThroughAFullDescriptorTableAndServesOnceClientsLeave) {
@@ -304,49 +266,30 @@ TEST(HTTPServerExhaustion, LivesThroughAFullDescriptorTableAndServesOnceClientsL
     // the child would stop at its first exception with a false "invalid vptr" report.
     GTEST_SKIP() << "needs descriptors the sanitizer runtime takes for itself";
 #endif
-    const std::string binary = std::string(ORVEL_BINARY_DIR) + "/version_server";
-    int out[2];
-    ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
     const auto started = std::chrono::steady_clock::now();
-    // Ends the child however the test ends; the reader then sees the end of the pipe.
-    struct Child {
-        pid_t pid;
-        int out;
-        RecordingLogger output;
-        std::thread reader;
-        ~Child() {
-            if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
-            if (reader.joinable()) reader.join();
-            ::close(out);
-        }
-    } child{::fork(), out[0]};
-    if (child.pid == 0) {  // only system calls between fork and exec
-        rlimit limit{64, 64};
-        char* const environment[] = {const_cast<char*>("VERSION_SERVER_LOG=1"), nullptr};
-        if (::setrlimit(RLIMIT_NOFILE, &limit) == 0 && ::dup2(out[1], STDOUT_FILENO) >= 0) {
-            ::execle(binary.c_str(), "version_server", "--port", "0", nullptr, environment);
-        }
-        ::_exit(127);
-    }
-    ::close(out[1]);
-    ASSERT_GT(child.pid, 0);
-    child.reader = std::thread(collectLines, child.out, &child.output);
-    std::string listening = child.output.waitFor("starting server 127.0.0.1:");
-    auto port = static_cast<std::uint16_t>(std::stoul(listening.substr(listening.rfind(':') + 1)));
+    test::ChildProcess child({"/bin/sh", "-c", "ulimit -n 64 && exec \"$0\" --port 0", std::string(ORVEL_BINARY_DIR) + "/version_server"},
+                             {.environment = test::environmentWith({{"VERSION_SERVER_LOG", "1"}})});
+    auto listening = child.waitForLineContaining("starting server 127.0.0.1:", hangGuard);
+    ASSERT_TRUE(listening) << child.output();
+    auto port = static_cast<std::uint16_t>(std::stoul(listening->substr(listening->rfind(':') + 1)));
     {
         std::vector<std::unique_ptr<LoopbackClient>> clients;
         for (int i = 0; i < 100; ++i) clients.push_back(std::make_unique<LoopbackClient>(port));
-        EXPECT_THAT(child.output.waitFor("warning: "), HasSubstr("SocketError. Accept(24): Too many open files"));
+        auto warning = child.waitForLineContaining("warning: ", hangGuard);
+        EXPECT_THAT(warning.value_or(child.output()), HasSubstr("SocketError. Accept(24): Too many open files"));
         std::this_thread::sleep_for(1500ms);  // long enough for a warning per retry to show
     }
     LoopbackClient client(port);
     client.send("GET /version HTTP/1.1\r\n\r\n");
     EXPECT_THAT(client.response(), HasSubstr("412"));
-    EXPECT_EQ(::waitpid(child.pid, nullptr, WNOHANG), 0) << "the server ended";
+    EXPECT_TRUE(child.waitForLineContaining("request: GET /version", hangGuard)) << child.output();
+    EXPECT_FALSE(child.waitForExit(0s)) << "the server ended";
     // At most one warning a second (and one at the start).
     auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count();
-    auto lines = child.output.lines();
-    EXPECT_LE(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l.find("warning: ") != l.npos; }), seconds + 1);
+    std::istringstream output(child.output());
+    long warnings = 0;
+    for (std::string line; std::getline(output, line);) warnings += line.find("warning: ") != std::string::npos;
+    EXPECT_LE(warnings, seconds + 1) << child.output();
 }
 
 }  // namespace

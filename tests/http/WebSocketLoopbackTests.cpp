@@ -4,6 +4,7 @@
 
 #include "HTTPTestSupport.h"
 #include "async/Spawn.h"
+#include "e2e/Process.h"
 #include "http/MessageFrameWSHandler.h"
 #include "http/WebSocketHTTPHandler.h"
 #include "net/FdLeakCheck.h"
@@ -11,19 +12,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>
-
-extern char** environ;
 
 namespace orvel::http {
 namespace {
@@ -140,7 +135,8 @@ TEST_F(WebSocketLoopback, FragmentedMessageWithAPingAndAPongBetweenFragments) {
     EXPECT_EQ(client.readFrame(), frame(Opcode::text, true, bytesOf("fragmented")));
 }
 
-// Each row: what the peer sends after the handshake, and every frame it gets before the end.
+// Each row: what the peer sends after the handshake, and every frame it gets before the end. The
+// validator's and decoder's own rules are unit-tested; here one of each reaches the wire.
 TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsCloseFrame) {
     auto masked = [](WSFrame f) {
         f.mask = WSFrame::Mask{1, 2, 3, 4};
@@ -149,25 +145,13 @@ TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsClose
     auto close = [&](Bytes payload) { return masked(frame(Opcode::close, true, std::move(payload))); };
     const std::vector<std::tuple<const char*, std::vector<Bytes>, std::vector<WSFrame>>> cases = {
         {"peer's close", {close({0x03, 0xE8})}, {goodbye}},
-        {"peer's close without a code", {close({})}, {goodbye}},
-        {"peer's close with a private code and a reason", {close({0x0F, 0xA0, 'o', 'k'})}, {goodbye}},
         {"ping of 125 bytes, then close", {masked(frame(Opcode::ping, true, Bytes(125, 1))), close({})},
          {frame(Opcode::pong, true, Bytes(125, 1)), goodbye}},
         {"continuation first", {masked(frame(Opcode::continuation, true, {1}))}, {protocolError}},
-        {"second fragmented message", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::binary, false))}, {protocolError}},
-        {"whole message inside a fragmented one", {masked(frame(Opcode::text, false, {'a'})), masked(frame(Opcode::text, true))}, {protocolError}},
-        {"fragmented control frame", {masked(frame(Opcode::ping, false))}, {protocolError}},
-        {"ping of 126 bytes", {masked(frame(Opcode::ping, true, Bytes(126)))}, {protocolError}},
-        {"reserved bit", {masked(WSFrame{.rsv1 = true, .opcode = Opcode::binary})}, {protocolError}},
         {"unmasked frame", {WSFrameEncoder::encode(frame(Opcode::binary, true, {1}))}, {protocolError}},
-        {"close of one byte", {close({0x03})}, {protocolError}},
-        {"close code 1005", {close({0x03, 0xED})}, {protocolError}},
-        {"close code 2999", {close({0x0B, 0xB7})}, {protocolError}},
-        {"close reason not UTF-8", {close({0x03, 0xE8, 0xFF})}, {protocolError}},
         {"invalid UTF-8", {masked(frame(Opcode::text, true, {0xC3, 0x28}))}, {protocolError}},
         {"unknown opcode", {masked(frame(static_cast<Opcode>(0x3), true))}, {protocolError}},
         {"reserved control opcode", {masked(frame(static_cast<Opcode>(0xB), true))}, {protocolError}},
-        {"length with the top bit set", {{0x82, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4}}, {protocolError}},
         {"message over 16 MiB", {{0x82, 0xFF, 0, 0, 0, 0, 0x01, 0, 0, 1, 1, 2, 3, 4}}, {protocolError}},
     };
     Server server;
@@ -177,8 +161,6 @@ TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsClose
         for (const auto& bytes : wire) client.send(bytes);
         EXPECT_EQ(client.readUntilClosed(), expected) << rule;
     }
-    EXPECT_THAT(goodbye.payload, ElementsAre(0x03, 0xEA, 'G', 'o', 'o', 'd', 'b', 'y', 'e'));
-    EXPECT_THAT(protocolError.payload, ElementsAre(0x03, 0xEA, 'P', 'r', 'o', 't', 'o', 'c', 'o', 'l', ' ', 'E', 'r', 'r', 'o', 'r'));
 }
 
 // Pings answered with pongs, and messages echoed back: either way what the peer does not read
@@ -254,43 +236,13 @@ TEST_F(WebSocketLoopback, AHandlerThatCannotStartLeavesNothingWritten) {
     EXPECT_EQ(server.log().waitFor("<127.0.0.1> error:"), "error: <127.0.0.1> error: no messages today");
 }
 
-// Runs the node ws peer against the server; its JSON report and exit status.
-std::pair<int, std::string> runNodePeer(const std::string& url) {
-    const std::string script = std::string(ORVEL_SOURCE_DIR) + "/tests/node/echo-check.js";
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return {-1, "pipe failed"};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    const char* argv[] = {"node", script.c_str(), url.c_str(), nullptr};
-    pid_t pid = -1;
-    int spawned = posix_spawnp(&pid, "node", &actions, nullptr, const_cast<char**>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    if (spawned != 0) {
-        ::close(out[0]);
-        return {-1, "node could not be started (scripts/setup installs it)"};
-    }
-    std::string report;
-    bool ended = false;  // the peer closed its output: it is exiting
-    pollfd readable{out[0], POLLIN, 0};
-    while (!ended && ::poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(hangGuard).count())) > 0) {
-        char chunk[4096];
-        ssize_t n = ::read(out[0], chunk, sizeof chunk);
-        if (n <= 0) ended = true;
-        else report.append(chunk, static_cast<std::size_t>(n));
-    }
-    ::close(out[0]);
-    if (!ended) ::kill(pid, SIGKILL);  // our own child, by its id: it outlived the guard
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    if (!ended) return {-1, report + " (node peer hung)"};
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, report};
-}
-
 TEST_F(WebSocketLoopback, TheNodeWsPeerTalksToUs) {
+    const std::string node = test::findProgram("node");
+    ASSERT_FALSE(node.empty()) << "node is missing (scripts/setup installs it)";
     Server server;
-    auto [status, report] = runNodePeer("ws://127.0.0.1:" + std::to_string(server.port()) + "/");
+    auto [status, report] = test::runProgram(
+        {node, std::string(ORVEL_SOURCE_DIR) + "/tests/node/echo-check.js", "ws://127.0.0.1:" + std::to_string(server.port()) + "/"},
+        {}, hangGuard);
     EXPECT_EQ(status, 0) << report;
     EXPECT_THAT(report, HasSubstr("\"open\":true"));
     for (const char* check : {"text round trip", "binary round trip", "1 MiB round trip", "fragmented send",
