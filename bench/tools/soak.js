@@ -33,18 +33,28 @@ async function main() {
     const startDescriptors = descriptors();
     const counts = new Array(streams).fill(0);
     const wrongSize = new Array(streams).fill(0);
-    const pages = [];
-    for (let i = 0; i < streams; ++i) {
+    // Pages start a quarter second apart, as tabs do, and come back if orvel ends their stream.
+    let running = true;
+    const reopened = new Array(streams).fill(0);
+    const pages = new Array(streams);
+    const openPage = (i) => {
         const ws = page(() => {});
+        pages[i] = ws;
         ws.on('message', (data, isBinary) => {
             if (isBinary && data.length === chunkBytes) counts[i] += 1;
             else wrongSize[i] += 1;
         });
-        pages.push(ws);
+        ws.on('close', () => {
+            if (!running) return;
+            reopened[i] += 1;
+            setTimeout(() => openPage(i), 1000);
+        });
+    };
+    for (let i = 0; i < streams; ++i) {
+        openPage(i);
+        await new Promise((resolve) => setTimeout(resolve, 250));
     }
-    // The hostile ones come back whenever orvel closes them, so the pressure lasts the whole run.
-    let running = true;
-    const closes = { idle: 0, stalled: [], flooder: [] };
+    const closes = { idle: 0 };
     const sockets = new Set();
     const idleConnection = () => {
         const socket = net.connect(8505, '127.0.0.1');
@@ -57,34 +67,35 @@ async function main() {
         });
     };
     for (let i = 0; i < idle; ++i) idleConnection();
-    const hostile = [];
-    const comeBack = (name, start) => {
-        const ws = new WebSocket(url, { origin });
-        hostile.push(ws);
-        ws.on('open', () => start(ws));
-        ws.on('error', () => {});
-        ws.on('close', (code, reason) => {
-            closes[name].push(`${code} ${reason}`);
-            if (running) setTimeout(() => comeBack(name, start), 1000);
-        });
-    };
-    // Reads nothing once it has asked for a stream at a high rate.
-    comeBack('stalled', (ws) => {
-        ws._socket.pause();
-        ws.send(JSON.stringify({ type: 'loopback', sample_rate: 384000 }));
-    });
-    // Pings as fast as its socket takes them and never reads the pongs.
+    // The hostile ones never read, so they never learn that orvel dropped them: a new pair comes
+    // every minute, keeping the pressure on for the whole run.
+    let hostile = [];
     const ping = Buffer.alloc(125, 0x55);
-    comeBack('flooder', (ws) => {
-        ws._socket.pause();
-        const more = () => {
-            if (!running || ws.readyState !== WebSocket.OPEN) return;
-            // Bounded per turn, so the flood never starves this process's own timers and pages.
-            for (let i = 0; i < 256 && ws._socket.writableLength < 1 << 20; ++i) ws.ping(ping);
-            setImmediate(more);
-        };
-        more();
-    });
+    const startHostile = () => {
+        for (const ws of hostile) ws.terminate();
+        // Asks for a 384 kHz stream and reads nothing.
+        const stalled = new WebSocket(url, { origin });
+        stalled.on('open', () => {
+            stalled._socket.pause();
+            stalled.send(JSON.stringify({ type: 'loopback', sample_rate: 384000 }));
+        });
+        // Pings as fast as its socket takes them and never reads the pongs.
+        const flooder = new WebSocket(url, { origin });
+        flooder.on('open', () => {
+            flooder._socket.pause();
+            const more = () => {
+                if (!running || flooder.readyState !== WebSocket.OPEN) return;
+                // Bounded per turn, so the flood never starves this process's own timers and pages.
+                for (let i = 0; i < 256 && flooder._socket.writableLength < 1 << 20; ++i) flooder.ping(ping);
+                setImmediate(more);
+            };
+            more();
+        });
+        for (const ws of [stalled, flooder]) ws.on('error', () => {});
+        hostile = [stalled, flooder];
+    };
+    startHostile();
+    const hostileTimer = setInterval(startHostile, 60000);
 
     const started = Date.now();
     console.log(`soak: ${streams} pages at ${rate} Hz, ${idle} idle connections, a stalled page, a ping flood; ${minutes} min`);
@@ -95,6 +106,7 @@ async function main() {
         console.log(`soak: minute ${minute}: RSS ${rssMiB().toFixed(1)} MiB, descriptors ${descriptors()}, messages ${total}`);
     }
     running = false;
+    clearInterval(hostileTimer);
     const idleClosed = closes.idle;
     const seconds = (Date.now() - started) / 1000;
     for (const ws of pages) ws.close();
@@ -103,9 +115,7 @@ async function main() {
     // Give orvel a moment to close its side of everything.
     for (let i = 0; i < 100 && descriptors() !== startDescriptors; ++i) await new Promise((r) => setTimeout(r, 100));
     console.log(`soak: descriptors at end ${descriptors()} (start ${startDescriptors})`);
-    const summary = (list) => [...new Set(list)].map((c) => `${list.filter((x) => x === c).length} x "${c}"`).join(', ');
-    console.log(`soak: stalled pages closed: ${summary(closes.stalled)}; ping flooders closed: ${summary(closes.flooder)}; ` +
-        `idle connections closed by orvel: ${idleClosed}`);
+    console.log(`soak: idle connections closed by orvel: ${idleClosed}; pages whose stream orvel ended: ${reopened.join(' ')}`);
     const min = Math.min(...counts);
     const max = Math.max(...counts);
     console.log(`soak: messages per page in ${seconds.toFixed(0)} s: min ${min}, max ${max} (expected about ${Math.round(seconds * 10)}), ` +
