@@ -57,7 +57,6 @@ public:
     // After termination: waits for the server task and the stop to end. True when the server
     // could not run, which the process reports with a non-zero exit status.
     bool waitUntilStopped();
-    bool serverFailed() const noexcept { return serverFailed_.load(); }
     // True when Orvel already answered on the server's address at launch (a second launch).
     bool anotherInstanceRunning() const noexcept { return anotherInstanceRunning_; }
 
