@@ -72,12 +72,12 @@ void AppDelegate::applicationDidFinishLaunching() {
     if (!environment_.registersLoginItem) {
         logger->logInfo("Running from its build folder, Orvel does not register itself as a login item.");
     } else if (environment_.loginItem.status() != platform::XdgAutostart::Status::enabled) {
-        logger->logInfo("Trying to register as login item.");
+        logger->logNotice("Trying to register as login item.");
         try {
             environment_.loginItem.registerEntry();
         } catch (...) {
             const auto reason = async::describe(std::current_exception());
-            logger->logInfo([&] { return "Failed to register as login item " + reason + "."; });
+            logger->logNotice([&] { return "Failed to register as login item " + reason + "."; });
         }
     }
 

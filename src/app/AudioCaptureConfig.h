@@ -22,8 +22,8 @@ public:
 
     static AudioCaptureConfig loopback(std::uint64_t sampleRate) noexcept { return {Kind::loopback, sampleRate}; }
 
-    // Decodes the UTF-8 bytes of a JSON text. Members other than "type" and "sample_rate" are
-    // skipped without being stored, so a large message costs no memory. "sample_rate" must be
+    // Decodes the UTF-8 bytes of a JSON text; members other than "type" and "sample_rate" are
+    // ignored, the last of duplicate members wins. "sample_rate" must be
     // written as a plain non-negative integer up to 2^64 - 1: a fraction, an exponent or a minus
     // sign (even "-0") is refused, so that the decoded value is always exactly what was sent.
     // Throws DecodingError.

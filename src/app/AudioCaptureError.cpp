@@ -25,19 +25,8 @@ std::string_view caseName(AudioCaptureError::Kind kind) {
     return "unknown";
 }
 
-std::string render(AudioCaptureError::Kind kind, std::uint32_t channels, std::int64_t expected, double actual) {
-    std::string text = "AudioCaptureError.";
-    text += caseName(kind);
-    if (kind == AudioCaptureError::Kind::wrongChannelCount) {
-        text += "(actual: " + std::to_string(channels) + ")";
-    } else if (kind == AudioCaptureError::Kind::wrongSampleRate) {
-        text += "(expected: " + std::to_string(expected) + ", actual: " + describeDouble(actual) + ")";
-    }
-    return text;
-}
-
-}  // namespace
-
+// Shortest round-trip digits, always with a fraction or an exponent ("44100.0", "48000.7",
+// "1e+16", "nan").
 std::string describeDouble(double value) {
     if (std::isnan(value)) return "nan";
     if (std::isinf(value)) return value < 0 ? "-inf" : "inf";
@@ -51,6 +40,19 @@ std::string describeDouble(double value) {
     if (plain && text.find('.') == std::string::npos) text += ".0";
     return text;
 }
+
+std::string render(AudioCaptureError::Kind kind, std::uint32_t channels, std::int64_t expected, double actual) {
+    std::string text = "AudioCaptureError.";
+    text += caseName(kind);
+    if (kind == AudioCaptureError::Kind::wrongChannelCount) {
+        text += "(actual: " + std::to_string(channels) + ")";
+    } else if (kind == AudioCaptureError::Kind::wrongSampleRate) {
+        text += "(expected: " + std::to_string(expected) + ", actual: " + describeDouble(actual) + ")";
+    }
+    return text;
+}
+
+}  // namespace
 
 AudioCaptureError::AudioCaptureError(Kind kind, std::uint32_t actualChannelCount, std::int64_t expectedSampleRate,
                                      double actualSampleRate)

@@ -50,8 +50,4 @@ private:
     double actualSampleRate_;
 };
 
-// Renders a double the way the error description shows it: shortest round-trip digits, always
-// with a fraction or an exponent ("44100.0", "48000.7", "1e+16", "nan").
-std::string describeDouble(double value);
-
 }  // namespace orvel

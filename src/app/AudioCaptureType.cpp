@@ -25,7 +25,7 @@ AudioCaptureType decodeAudioCaptureType(std::string_view jsonString) {
     std::string text = "Cannot initialize AudioCaptureType from invalid String value ";
     text += jsonString.substr(0, maxQuoted);
     if (jsonString.size() > maxQuoted) text += "...";
-    throw DecodingError(DecodingError::Kind::dataCorrupted, std::move(text));
+    throw DecodingError(std::move(text));
 }
 
 }  // namespace orvel

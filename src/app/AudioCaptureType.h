@@ -14,7 +14,7 @@ std::string_view rawValue(AudioCaptureType type) noexcept;
 // The case whose text value is exactly rawValue (case-sensitive), if any.
 std::optional<AudioCaptureType> audioCaptureType(std::string_view rawValue) noexcept;
 
-// As above for a decoded JSON string; throws DecodingError (dataCorrupted) for unknown texts.
+// As above for a decoded JSON string; throws DecodingError for unknown texts.
 AudioCaptureType decodeAudioCaptureType(std::string_view jsonString);
 
 }  // namespace orvel

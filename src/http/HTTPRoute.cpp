@@ -114,6 +114,9 @@ bool HTTPRoute::matchesQueryAndHeaders(const HTTPRequest& request) const noexcep
     return true;
 }
 
+// The path compared is the one the request target names. A target "//version/" is an authority
+// ("version") and the path "/", so it does not match "/version": empty pieces are skipped only
+// within a path, never by reading an authority as one.
 bool HTTPRoute::matchesMethodAndPath(const HTTPRequest& request) const noexcept {
     if (std::find(methods_.begin(), methods_.end(), request.method) == methods_.end()) return false;
 

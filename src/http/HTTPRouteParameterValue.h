@@ -50,18 +50,21 @@ struct HTTPRouteParameterValue<bool> {
     }
 };
 
-// Decimal digits with an optional sign, the whole text, within the type's range.
+// Decimal digits with an optional sign, the whole text, within the type's range. An unsigned
+// type takes a minus sign too, when what follows is zero ("-0" is 0).
 template <typename T>
     requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
 struct HTTPRouteParameterValue<T> {
     static T make(std::string_view text) {
-        if (!text.empty() && text.front() == '+') {
+        const bool negated = std::is_unsigned_v<T> && !text.empty() && text.front() == '-';
+        if (!text.empty() && (text.front() == '+' || negated)) {
             text.remove_prefix(1);
             if (text.empty() || text.front() < '0' || text.front() > '9') throw HTTPRouteParameterInvalid();
         }
         T value{};
         auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, 10);
-        if (error != std::errc() || end != text.data() + text.size()) throw HTTPRouteParameterInvalid();
+        if (error != std::errc() || end != text.data() + text.size() || (negated && value != 0))
+            throw HTTPRouteParameterInvalid();
         return value;
     }
 };

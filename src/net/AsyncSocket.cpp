@@ -126,11 +126,14 @@ async::Task<std::vector<std::uint8_t>> AsyncSocket::readAtMost(std::size_t count
 }
 
 async::Task<std::vector<std::uint8_t>> AsyncSocket::readBytes(std::size_t count) const {
-    std::vector<std::uint8_t> bytes(count);
+    // Grows as bytes arrive: the count is often the peer's word, and must not pin memory before
+    // the peer has sent anything.
+    std::vector<std::uint8_t> bytes;
     std::size_t collected = 0;
     while (collected < count) {
-        const auto chunk = std::min(count - collected, maxReadSize);
-        collected += co_await readAtMost(std::span<std::uint8_t>(bytes.data() + collected, chunk));
+        bytes.resize(collected + std::min(count - collected, maxReadSize));
+        collected += co_await readAtMost(std::span<std::uint8_t>(bytes).subspan(collected));
+        bytes.resize(collected);
     }
     co_return bytes;
 }

@@ -1,22 +1,27 @@
 #pragma once
+#include "async/Continuation.h"
 #include "net/AsyncBufferedSequence.h"
 #include "net/Mutex.h"
 
 #include <cstddef>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 
 namespace orvel::net {
 
-// One pass over bytes, shared by every iterator made from it: each byte goes to whichever
-// iterator asks first, so several readers in different tasks together consume the bytes once,
-// in order. Lets tests hand one body to several readers. Copies share the pass.
+// One shared pass over a base sequence: the first iterator to pull makes the base's iterator, and
+// every iterator pulls from that one, so each byte goes to whichever iterator asks first and
+// several readers in different tasks together consume the base once, in order. Copies share the
+// pass.
 class ConsumingAsyncSequence {
 public:
     class SharedBuffer;
     class Iterator;
 
-    explicit ConsumingAsyncSequence(Bytes base);
+    template <AsyncBufferedSequence Base>
+    explicit ConsumingAsyncSequence(Base base);
 
     Iterator makeIterator() const noexcept;
     // How many bytes the iterators have taken so far.
@@ -26,20 +31,27 @@ private:
     std::shared_ptr<SharedBuffer> buffer_;
 };
 
+// Pulls run one at a time, in the order they were asked for: the base iterator is used by one
+// task at a time, and a pull waits for the one before it (suspended, not blocking its thread).
 class ConsumingAsyncSequence::SharedBuffer {
 public:
-    explicit SharedBuffer(Bytes base) : state_(State{std::move(base), 0}) {}
+    using MakeBase = std::function<std::unique_ptr<AsyncByteSequence>()>;
+    explicit SharedBuffer(MakeBase makeBase) : state_(State{.makeBase = std::move(makeBase), .base = nullptr, .waiting = {}}) {}
 
-    // The next run of at most count bytes of the shared pass, or nothing at its end.
-    std::optional<Bytes> take(std::size_t count);
-    std::optional<Byte> takeOne();
+    // The next run of at most count bytes (a byte when count is 0), or nothing at the end.
+    async::Task<std::optional<Bytes>> take(std::size_t count);
     std::size_t index() const;
 
 private:
     struct State {
-        Bytes base;
-        std::size_t index;
+        MakeBase makeBase;                       // until the first pull
+        std::unique_ptr<AsyncByteSequence> base;  // from the first pull on
+        std::size_t index = 0;
+        bool pulling = false;
+        std::deque<async::Continuation<void>> waiting;
     };
+    class Turn;
+
     Mutex<State> state_;
 };
 
@@ -55,6 +67,12 @@ private:
 
     std::shared_ptr<SharedBuffer> buffer_;
 };
+
+template <AsyncBufferedSequence Base>
+ConsumingAsyncSequence::ConsumingAsyncSequence(Base base)
+    : buffer_(std::make_shared<SharedBuffer>([base = std::move(base)]() -> std::unique_ptr<AsyncByteSequence> {
+          return std::make_unique<decltype(base.makeIterator())>(base.makeIterator());
+      })) {}
 
 inline ConsumingAsyncSequence::Iterator ConsumingAsyncSequence::makeIterator() const noexcept { return Iterator(buffer_); }
 

@@ -12,6 +12,7 @@ std::string_view Logging::name(Level level) noexcept {
     switch (level) {
     case Level::debug: return "debug";
     case Level::info: return "info";
+    case Level::notice: return "notice";
     case Level::warning: return "warning";
     case Level::error: return "error";
     case Level::critical: return "critical";
@@ -35,6 +36,7 @@ int journalPriority(Logging::Level level) noexcept {
     switch (level) {
     case Logging::Level::debug: return LOG_DEBUG;
     case Logging::Level::info: return LOG_INFO;
+    case Logging::Level::notice: return LOG_NOTICE;
     case Logging::Level::warning:
     case Logging::Level::error:
     case Logging::Level::critical: return LOG_ERR;

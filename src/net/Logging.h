@@ -34,14 +34,15 @@ private:
     std::string_view text_;
 };
 
-// The five-level logging interface of the socket layer and the HTTP server. A logger is
+// The logging interface of the socket layer, the HTTP server and the app: the five levels of
+// the toolkit plus notice, the system log's default level, for lines the app writes plainly. A logger is
 // immutable once made and may be used from any thread; share it as std::shared_ptr<Logging>
 // (see Logger below). The front end takes the message as a callable
 // (`logger->logInfo([&] { return "<" + host + "> open connection"; })`) or as fixed text, and a
 // logger that drops the level never calls it, so a dropped line costs no allocation.
 class Logging {
 public:
-    enum class Level { debug, info, warning, error, critical };
+    enum class Level { debug, info, notice, warning, error, critical };
 
     virtual ~Logging() = default;
 
@@ -51,6 +52,8 @@ public:
     void logDebug(F&& message) const noexcept { write(Level::debug, toMessage(message)); }
     template <class F>
     void logInfo(F&& message) const noexcept { write(Level::info, toMessage(message)); }
+    template <class F>
+    void logNotice(F&& message) const noexcept { write(Level::notice, toMessage(message)); }
     template <class F>
     void logWarning(F&& message) const noexcept { write(Level::warning, toMessage(message)); }
     template <class F>
@@ -62,7 +65,7 @@ public:
     // message function may); the front end above swallows it.
     virtual void log(Level level, const LogMessage& message) const = 0;
 
-    // "debug", "info", "warning", "error", "critical".
+    // "debug", "info", "notice", "warning", "error", "critical".
     static std::string_view name(Level level) noexcept;
 
 private:
@@ -107,7 +110,8 @@ public:
 // standard error ("orvel: [category] level: message"). Without journald sd_journal_send
 // returns 0 and drops the line, hence the check of the socket at construction.
 // Levels below `minimumLevel` are dropped unevaluated; like unified logging, debug is off by
-// default. Warning, error and critical all go to the journal at error priority.
+// default. Notice goes to the journal at notice priority; warning, error and critical at error
+// priority.
 class JournalLogger final : public Logging {
 public:
     static constexpr std::string_view journalSocketPath = "/run/systemd/journal/socket";

@@ -46,8 +46,7 @@ void push(SocketWaiter*& chain, SocketWaiter& waiter) noexcept {
 class SocketPool::WaitThread {
 public:
     explicit WaitThread(SocketPool& pool) : pool_(pool), thread_([this] { main(); }) {
-        const std::string name(dispatchQueueLabel.substr(0, 15));
-        pthread_setname_np(thread_.native_handle(), name.c_str());
+        pthread_setname_np(thread_.native_handle(), "orvel.pool");
     }
 
     ~WaitThread() {

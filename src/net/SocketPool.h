@@ -23,7 +23,7 @@ namespace orvel::net {
 // pool has no thread: its epoll descriptor is one of the thread pool's event sources, so an idle
 // worker waits on it and, when it wakes, takes the notifications without blocking and posts the
 // ready waiters (the first runs next on that worker). Over a queue without a pollable descriptor
-// one thread per pool (named "orvel.socketpool", cut to the kernel's 15 bytes) does the blocking
+// one thread per pool (named "orvel.pool": a Linux thread name holds 15 bytes) does the blocking
 // wait and only posts. Registrations over epoll are edge-triggered and kept for the life of the
 // descriptor: a wait must follow an attempt that would block (the retry rule), and readiness
 // that arrives while nobody waits is kept for the next waiter. The waiting table is guarded by a

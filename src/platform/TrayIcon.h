@@ -1,6 +1,5 @@
 #pragma once
 #include "net/Logging.h"
-#include "platform/MainLoop.h"
 
 #include <cstdint>
 #include <functional>
@@ -17,7 +16,7 @@ namespace orvel::platform {
 // GTK can open) it runs headless on a plain GLib main loop and logs that it does. "Quit",
 // SIGINT and SIGTERM all take one quit path: the quit handler runs on the main thread, then
 // run() returns. One per process: construct, run and destroy it on the main thread.
-class TrayIcon final : public MainLoop {
+class TrayIcon final {
 public:
     struct Configuration {
         std::string identifier = "com.tamrix.orvel";  // the item's id on the session bus
@@ -38,7 +37,7 @@ public:
     static std::string streamingLine(std::int64_t count);
 
     explicit TrayIcon(Configuration configuration);
-    ~TrayIcon() override;
+    ~TrayIcon();
     TrayIcon(const TrayIcon&) = delete;
     TrayIcon& operator=(const TrayIcon&) = delete;
 
@@ -46,19 +45,19 @@ public:
     bool isHeadless() const noexcept;
 
     // Runs on the main thread when the quit path is taken, before run() returns. Set before run().
-    void setQuitHandler(std::function<void()> handler) override;
+    void setQuitHandler(std::function<void()> handler);
 
     // Runs the main loop until the quit path has run. Work posted but not yet run when the quit
     // path ends the loop is dropped.
-    void run() override;
+    void run();
 
     // Takes the quit path, as "Quit" and the signals do; from any thread. Only the first of
     // several requests runs the handler.
-    void terminate() override;
+    void terminate();
 
     // Runs `work` on the main thread, in the order posted; from any thread. Must not race
     // the destructor.
-    void post(std::function<void()> work) override;
+    void post(std::function<void()> work);
 
     // Shows how many pages stream (0: none, the idle icon and no line); from any thread.
     void setStreamCount(std::int64_t count);

@@ -11,15 +11,13 @@
 namespace orvel {
 namespace {
 
-using Kind = DecodingError::Kind;
-
-std::optional<Kind> failureOf(std::string_view json) {
+bool fails(std::string_view json) {
     try {
         AudioCaptureConfig::decode(json);
-    } catch (const DecodingError& error) {
-        return error.kind();
+    } catch (const DecodingError&) {
+        return true;
     }
-    return std::nullopt;
+    return false;
 }
 
 TEST(AudioCaptureConfigDecoding, ReadsTheTypeAndTheUnderscoredRateWhateverElseTheObjectHolds) {
@@ -37,30 +35,30 @@ TEST(AudioCaptureConfigDecoding, ReadsTheTypeAndTheUnderscoredRateWhateverElseTh
     EXPECT_EQ(AudioCaptureConfig::decode(std::vector<std::uint8_t>(bytes.begin(), bytes.end())).sampleRate(), 8000u);
 }
 
-TEST(AudioCaptureConfigDecoding, NamesWhatIsWrongWithAnythingElse) {
-    const std::pair<std::string, Kind> cases[] = {
-        {R"({"type": "Loopback", "sample_rate": 48000})", Kind::dataCorrupted},  // the type is case-sensitive
-        {R"({"type": "loopback ", "sample_rate": 48000})", Kind::dataCorrupted},
-        {R"({"type": 1, "sample_rate": 48000})", Kind::typeMismatch},
-        {R"({"type": null, "sample_rate": 48000})", Kind::valueNotFound},
-        {R"({"type": "loopback"})", Kind::keyNotFound},
-        {R"({"sample_rate": 48000})", Kind::keyNotFound},
-        {R"({"type": "loopback", "sampleRate": 48000})", Kind::keyNotFound},
-        {R"({"extra": {"type": "loopback", "sample_rate": 1}})", Kind::keyNotFound},
-        {R"([{"type": "loopback", "sample_rate": 48000}])", Kind::typeMismatch},
-        {R"("loopback")", Kind::typeMismatch},
-        {"48000", Kind::typeMismatch},
-        {"type=loopback", Kind::dataCorrupted},
-        {"", Kind::dataCorrupted},
-        {R"({"type": "loopback", "sample_rate": 48000} {})", Kind::dataCorrupted},
-        {R"({"type": "loopback", "sample_rate": 48000)", Kind::dataCorrupted},
-        {"{\"type\": \"loop\xff\", \"sample_rate\": 48000}", Kind::dataCorrupted},
+TEST(AudioCaptureConfigDecoding, RefusesAnythingElse) {
+    const std::string cases[] = {
+        R"({"type": "Loopback", "sample_rate": 48000})",  // the type is case-sensitive
+        R"({"type": "loopback ", "sample_rate": 48000})",
+        R"({"type": 1, "sample_rate": 48000})",
+        R"({"type": null, "sample_rate": 48000})",
+        R"({"type": "loopback"})",
+        R"({"sample_rate": 48000})",
+        R"({"type": "loopback", "sampleRate": 48000})",
+        R"({"extra": {"type": "loopback", "sample_rate": 1}})",
+        R"([{"type": "loopback", "sample_rate": 48000}])",
+        R"("loopback")",
+        "48000",
+        "type=loopback",
+        "",
+        R"({"type": "loopback", "sample_rate": 48000} {})",
+        R"({"type": "loopback", "sample_rate": 48000)",
+        "{\"type\": \"loop\xff\", \"sample_rate\": 48000}",
     };
-    for (const auto& [json, kind] : cases) EXPECT_EQ(failureOf(json), kind) << json;
+    for (const auto& json : cases) EXPECT_TRUE(fails(json)) << json;
     // Only a plain unsigned 64-bit integer is a rate.
     for (const char* rate : {"18446744073709551616", "-1", "-0", "44100.5", "48000.0", "4.8e4", "\"48000\"", "null",
                              "true", "[48000]", "{}"})
-        EXPECT_NE(failureOf(std::string(R"({"type": "loopback", "sample_rate": )") + rate + "}"), std::nullopt) << rate;
+        EXPECT_TRUE(fails(std::string(R"({"type": "loopback", "sample_rate": )") + rate + "}")) << rate;
 }
 
 TEST(AudioCaptureConfigDecoding, KeepsTheErrorSmallWhateverThePageSent) {
@@ -80,10 +78,8 @@ TEST(AudioCaptureErrorValues, DescribeThemselvesAsCaseAndPayload) {
     EXPECT_EQ(AudioCaptureError::wrongChannelCount(2).description(), "AudioCaptureError.wrongChannelCount(actual: 2)");
     EXPECT_STREQ(AudioCaptureError::noBufferFormatDescription().what(), "AudioCaptureError.noBufferFormatDescription");
     EXPECT_NE(AudioCaptureError::wrongSampleRate(48000, 44100.0), AudioCaptureError::wrongSampleRate(48000, 44100.5));
-    EXPECT_EQ(describeDouble(1e16), "1e+16");
-    EXPECT_EQ(describeDouble(0.00001), "1e-05");
-    EXPECT_EQ(describeDouble(-0.5), "-0.5");
-    EXPECT_EQ(describeDouble(std::nan("")), "nan");
+    EXPECT_EQ(AudioCaptureError::wrongSampleRate(8000, 1e16).description(),
+              "AudioCaptureError.wrongSampleRate(expected: 8000, actual: 1e+16)");
 }
 
 }  // namespace

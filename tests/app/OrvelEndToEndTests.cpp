@@ -252,7 +252,7 @@ TEST_F(OrvelEndToEnd, AnInstalledOrvelRegistersItsLoginItemOnceAndABuildFolderRu
     ::setrlimit(RLIMIT_NOFILE, &inherited);
     EXPECT_EQ(first->terminate(), 0);
     EXPECT_THAT(first->output(), HasSubstr("info: No graphical session, running headless without a tray icon.\n"));
-    EXPECT_THAT(first->output(), HasSubstr("info: Application launched.\norvel: [ApplicationCode] info: Trying to register as login item.\n"));
+    EXPECT_THAT(first->output(), HasSubstr("info: Application launched.\norvel: [ApplicationCode] notice: Trying to register as login item.\n"));
     EXPECT_THAT(first->output(), Not(HasSubstr("Failed to register")));
     EXPECT_THAT(first->output(), HasSubstr("info: Open file limit: " + std::to_string(inherited.rlim_max) + ".\n"));
     EXPECT_TRUE(std::filesystem::exists(entry)) << "its content is the login item's own test";
@@ -270,8 +270,8 @@ TEST_F(OrvelEndToEnd, AnUnwritableConfigFolderIsLoggedAndLaunchGoesOn) {
     auto orvel = start({{"XDG_CONFIG_HOME", (config_.path() / "file" / "config").string()}}, installedCopy(config_.path()));
     EXPECT_EQ(test::httpExchange(getVersion).statusLine, "HTTP/1.1 200 OK");
     EXPECT_EQ(orvel->terminate(), 0);
-    EXPECT_THAT(orvel->output(), HasSubstr("info: Trying to register as login item.\n"));
-    EXPECT_THAT(orvel->output(), HasSubstr("info: Failed to register as login item "));
+    EXPECT_THAT(orvel->output(), HasSubstr("notice: Trying to register as login item.\n"));
+    EXPECT_THAT(orvel->output(), HasSubstr("notice: Failed to register as login item "));
 }
 
 // The tray's menu as labels, and its icon, once they satisfy `done` (or as they are after the guard).

@@ -96,6 +96,17 @@ TEST(HTTPRequestDecoding, SplitsTheRequestLineAtBlanksAndReadsHeaderLinesLenient
     EXPECT_EQ(request.headers.value("x"), "a:b: c");
     EXPECT_EQ(request.headers.size(), 4u);
     EXPECT_EQ(failure({"GET / HTTP/1.1\r\nX: \xc3\x28\r\n\r\n"}), "Invalid String Conversion");
+
+    // Trimming goes by Unicode's white space and newlines (NEL, no-break, ideographic space...),
+    // and leaves other characters whole, even ones ending in the same bytes.
+    const std::pair<std::string, std::string> trims[] = {
+        {"\xc2\xa0v\xc2\x85", "v"},
+        {"\xe3\x80\x80\x0bv \xe2\x80\xa8", "v"},
+        {"\xc3\xa0v\xc3\xa0", "\xc3\xa0v\xc3\xa0"},  // à
+        {"v\xe2\x80\x8b", "v\xe2\x80\x8b"},          // zero-width space is not white space
+    };
+    for (const auto& [raw, trimmed] : trims)
+        EXPECT_EQ(decodeOne({"GET / HTTP/1.1\r\nX:" + raw + "\r\n\r\n"}).headers.value("X"), trimmed) << raw;
 }
 
 TEST(HTTPRequestDecoding, DecodesThePathBeforeRemovingDotSegmentsAndRefusesControlBytes) {

@@ -114,6 +114,10 @@ struct Colour {
 
 TEST(HTTPRouteParameters, ConvertOnlyTextTheTypeCanHold) {
     EXPECT_THROW(HTTPRouteParameterValue<unsigned>::make("-5"), HTTPRouteParameterInvalid);
+    EXPECT_EQ(HTTPRouteParameterValue<unsigned>::make("-0"), 0u);
+    EXPECT_EQ(HTTPRouteParameterValue<std::uint8_t>::make("-000"), 0u);
+    EXPECT_THROW(HTTPRouteParameterValue<unsigned>::make("-"), HTTPRouteParameterInvalid);
+    EXPECT_THROW(HTTPRouteParameterValue<unsigned>::make("--0"), HTTPRouteParameterInvalid);
     EXPECT_THROW(HTTPRouteParameterValue<std::int8_t>::make("300"), HTTPRouteParameterInvalid);
     EXPECT_EQ(HTTPRouteParameterValue<std::int8_t>::make("-128"), -128);
     EXPECT_EQ(HTTPRouteParameterValue<std::uint64_t>::make("+18446744073709551615"), UINT64_MAX);

@@ -180,7 +180,7 @@ TEST_F(FileSequence, FileSizeIsTheByteCountOfARegularFileFollowingLinks) {
 
 TEST(ConsumingSequence, IteratorsTakeTurnsOnOnePass) {
     const auto bytes = pattern(10);
-    const net::ConsumingAsyncSequence sequence(bytes);
+    const net::ConsumingAsyncSequence sequence{net::AsyncBufferedCollection(bytes)};
     auto first = sequence.makeIterator();
     auto second = sequence.makeIterator();
     EXPECT_EQ(*async::syncWait(first.nextBuffer(4)), net::Bytes(bytes.begin(), bytes.begin() + 4));
@@ -194,16 +194,42 @@ namespace {
 async::Task<std::vector<net::Bytes>> takeRuns(net::ConsumingAsyncSequence::Iterator iterator, std::size_t suggested) {
     co_return co_await runs(iterator, suggested);
 }
+
+// A base whose every pull suspends for a moment, and that counts the passes made over it.
+struct SlowBase {
+    struct Iterator final : net::AsyncByteSequence {
+        explicit Iterator(net::AsyncBufferedCollection::Iterator bytes) : bytes(std::move(bytes)) {}
+        net::AsyncBufferedCollection::Iterator bytes;
+        async::Task<std::optional<net::Byte>> next() override {
+            co_await async::sleep(std::chrono::microseconds(50));
+            co_return co_await bytes.next();
+        }
+        async::Task<std::optional<net::Bytes>> nextBuffer(std::size_t suggested) override {
+            co_await async::sleep(std::chrono::microseconds(50));
+            co_return co_await bytes.nextBuffer(suggested);
+        }
+    };
+    net::AsyncBufferedCollection bytes;
+    std::shared_ptr<std::atomic<int>> passes = std::make_shared<std::atomic<int>>(0);
+    Iterator makeIterator() const {
+        ++*passes;
+        return Iterator(bytes.makeIterator());
+    }
+};
+
 }  // namespace
 
+// Readers that pull while another pull is suspended in the base wait their turn on the one pass.
 TEST(ConsumingSequence, ConcurrentReadersReceiveEachByteOnce) {
-    const net::ConsumingAsyncSequence sequence(pattern(20000));
+    const SlowBase base{net::AsyncBufferedCollection(pattern(3000))};
+    const net::ConsumingAsyncSequence sequence(base);
     std::vector<async::TaskHandle<std::vector<net::Bytes>>> readers;
-    for (std::size_t i = 1; i <= 4; ++i) readers.push_back(async::spawn(takeRuns(sequence.makeIterator(), i)));
+    for (std::size_t i = 1; i <= 4; ++i) readers.push_back(async::spawn(takeRuns(sequence.makeIterator(), i * 5 - 4)));
     std::vector<int> seen(256), expected(256);
     for (auto& reader : readers)
         for (const auto& run : reader.wait())
             for (auto byte : run) ++seen[byte];
-    for (auto byte : pattern(20000)) ++expected[byte];
+    for (auto byte : pattern(3000)) ++expected[byte];
     EXPECT_EQ(seen, expected);
+    EXPECT_EQ(*base.passes, 1);
 }

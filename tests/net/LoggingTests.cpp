@@ -27,6 +27,7 @@ int buildsAtEveryLevel(const Logging& logger) {
     const CountingMessage message{&calls};
     logger.logDebug(message);
     logger.logInfo(message);
+    logger.logNotice(message);
     logger.logWarning(message);
     logger.logError(message);
     logger.logCritical(message);
@@ -41,10 +42,10 @@ TEST(PrintLogger, WritesOneLinePerLevelAsCategoryLevelAndMessage) {
     logger.logDebug([] { return "a"; });
     logger.logInfo([] { return std::string("b"); });
     logger.logError("d");
-    EXPECT_EQ(buildsAtEveryLevel(logger), 5);
+    EXPECT_EQ(buildsAtEveryLevel(logger), 6);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "[C] debug: a\n[C] info: b\n[C] error: d\n"
-              "[C] debug: built\n[C] info: built\n[C] warning: built\n[C] error: built\n[C] critical: built\n");
+              "[C] debug: built\n[C] info: built\n[C] notice: built\n[C] warning: built\n[C] error: built\n[C] critical: built\n");
 }
 
 TEST(JournalLogger, WritesToTheJournalWhenItsSocketExistsElseTheLineToStandardError) {
@@ -76,7 +77,7 @@ TEST(Loggers, DroppedLevelsAreNeverBuilt) {
 
     const JournalLogger byDefault("C", {.journalSocket = "/nonexistent"});
     testing::internal::CaptureStderr();
-    EXPECT_EQ(buildsAtEveryLevel(byDefault), 4);  // debug is off
+    EXPECT_EQ(buildsAtEveryLevel(byDefault), 5);  // debug is off
     testing::internal::GetCapturedStderr();
 }
 

@@ -29,7 +29,6 @@ TEST(SocketAddress, ConvertsToTextAndHostOrderPortForKnownFamiliesOnly) {
     sockaddr_storage packet{};
     packet.ss_family = AF_PACKET;
     EXPECT_THAT([&] { makeAddress(packet); }, ThrowsMessage<SocketError>(StrEq("SocketError. UnsupportedAddress")));
-    const AnySocketAddress ip6(loopback(1));
-    EXPECT_THAT([&] { typedAddress<sockaddr_in>(ip6); }, ThrowsMessage<SocketError>(StrEq("SocketError. UnsupportedAddress")));
-    EXPECT_EQ(typedAddress<sockaddr_in6>(ip6).sin6_port, htons(1));
+    EXPECT_THAT([&] { typedAddress<sockaddr_in>(AnySocketAddress(loopback(1))); },
+                ThrowsMessage<SocketError>(StrEq("SocketError. UnsupportedAddress")));
 }

@@ -255,7 +255,10 @@ TEST(SocketPoolStates, APollPoolParksWhileIdleAndWakesForAWaiterOrAStop) {
         async::syncWait(preparePool(pool.get()));
         auto loop = async::spawn(runPool(pool.get()));
         ASSERT_TRUE(eventually([&] { return pool->state() == SocketPool::State::running; }));
-        EXPECT_TRUE(eventually([&] { return statesOfThreads("orvel.socketpoo").find_first_not_of('S') == std::string::npos; }));
+        EXPECT_TRUE(eventually([&] {
+            const auto states = statesOfThreads("orvel.pool");
+            return !states.empty() && states.find_first_not_of('S') == std::string::npos;
+        }));
         Pair pair;
         pair.peer().write("x", 1);
         auto waiter = async::spawn(waitOn(pool.get(), pair.socket(), Event::read));

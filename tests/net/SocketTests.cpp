@@ -5,7 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <net/if.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -59,6 +64,36 @@ TEST(SocketErrorText, EachCaseHasItsText) {
 }
 
 using SocketCreation = SocketTest;
+
+namespace {
+// From now on every setsockopt of this process fails with EPERM (a seccomp filter).
+void refuseSetsockopt() {
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_setsockopt, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+        std::_Exit(2);
+}
+}  // namespace
+
+// In a process of its own, where the option is made to fail: the error comes out and the
+// descriptor is closed, not left to nobody.
+TEST(SocketCreationDeathTest, ADatagramSocketWhosePacketInformationCannotBeSetIsClosedBeforeTheError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            refuseSetsockopt();
+            const int lowestFree = ::dup(0);
+            ::close(lowestFree);
+            std::fprintf(stderr, "%s\n", errorOf([] { Socket::make(AF_INET, SocketType::datagram); }).c_str());
+            std::_Exit(::dup(0) == lowestFree ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "SocketError. SetOption\\(1\\): Operation not permitted");
+}
 
 TEST_F(SocketCreation, InternetDatagramSocketsReceivePacketInformationAndUnixOnesAreMadeWithout) {
     Owned ip4(Socket::make(AF_INET, SocketType::datagram));

@@ -38,13 +38,47 @@ constexpr std::string_view trimBlanks(std::string_view text) noexcept {
     return text;
 }
 
-// White space and line breaks (space, \t, \n, \v, \f, \r): what request and header lines are
-// trimmed of.
-constexpr bool isSpaceOrNewline(char c) noexcept { return c == ' ' || (c >= '\t' && c <= '\r'); }
+// White space and line breaks as Unicode counts them (space, \t to \r, U+0085, U+00A0, U+1680,
+// U+2000 to U+200A, U+2028, U+2029, U+202F, U+205F, U+3000): what request and header lines,
+// which are UTF-8, are trimmed of.
+constexpr bool isUnicodeSpaceOrNewline(char32_t c) noexcept {
+    return c == 0x20 || (c >= 0x09 && c <= 0x0D) || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+           (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
+}
+
+// The code point of the UTF-8 sequence at the start of `text` and its length; 0 for a byte that
+// starts no well-formed sequence of at most three bytes (nothing trimmed takes four).
+struct LeadingCodePoint {
+    char32_t value = 0;
+    std::size_t length = 0;
+};
+constexpr LeadingCodePoint leadingCodePoint(std::string_view text) noexcept {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const auto continuation = [&](std::size_t i) { return i < text.size() && (byte(i) & 0xC0) == 0x80; };
+    if (text.empty()) return {};
+    if (byte(0) < 0x80) return {byte(0), 1};
+    if ((byte(0) & 0xE0) == 0xC0 && continuation(1))
+        return {static_cast<char32_t>((byte(0) & 0x1F) << 6 | (byte(1) & 0x3F)), 2};
+    if ((byte(0) & 0xF0) == 0xE0 && continuation(1) && continuation(2))
+        return {static_cast<char32_t>((byte(0) & 0x0F) << 12 | (byte(1) & 0x3F) << 6 | (byte(2) & 0x3F)), 3};
+    return {};
+}
 
 constexpr std::string_view trimSpaceAndNewlines(std::string_view text) noexcept {
-    while (!text.empty() && isSpaceOrNewline(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isSpaceOrNewline(text.back())) text.remove_suffix(1);
+    for (;;) {
+        const auto first = leadingCodePoint(text);
+        if (first.length == 0 || !isUnicodeSpaceOrNewline(first.value)) break;
+        text.remove_prefix(first.length);
+    }
+    for (;;) {
+        std::size_t start = text.size();
+        while (start > 0 && text.size() - start < 3 && (static_cast<unsigned char>(text[start - 1]) & 0xC0) == 0x80) --start;
+        if (start == 0) break;
+        --start;
+        const auto last = leadingCodePoint(text.substr(start));
+        if (last.length != text.size() - start || !isUnicodeSpaceOrNewline(last.value)) break;
+        text.remove_suffix(last.length);
+    }
     return text;
 }
 
