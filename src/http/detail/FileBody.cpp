@@ -24,10 +24,11 @@ namespace {
 using net::OwnedDescriptor;
 using FileError = net::AsyncBufferedFileSequence::FileError;
 
-// A file up to this size is read in one go and kept in memory for its response; above it the
-// file streams in buffers of this size, so a connection holds at most one of them.
+// A file up to wholeFileBytes is read in one go and kept in memory for its response. A larger one
+// streams, so a connection holds at most one buffer of it; a 256 KiB buffer is four reads and a few
+// writes per MiB (bench/files.sh).
 constexpr std::size_t wholeFileBytes = 64 * 1024;
-constexpr std::size_t streamBufferBytes = 64 * 1024;
+constexpr std::size_t streamBufferBytes = 256 * 1024;
 
 struct ContentType {
     std::string_view extension;
