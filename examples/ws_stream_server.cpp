@@ -8,7 +8,7 @@
 #include "async/Sleep.h"
 #include "async/Spawn.h"
 #include "http/HTTPServer.h"
-#include "http/WebSocketHTTPHandler.h"
+#include "websocket/WebSocketHTTPHandler.h"
 #include "net/Logging.h"
 #include "net/SocketAddress.h"
 

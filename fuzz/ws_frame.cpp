@@ -4,8 +4,8 @@
 #include "FuzzStream.h"
 
 #include "async/Spawn.h"
-#include "http/WSFrameEncoder.h"
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameEncoder.h"
+#include "websocket/WSFrameValidator.h"
 #include "net/SocketError.h"
 
 #include <cstdlib>

@@ -2,8 +2,8 @@
 #include "app/AudioCapture.h"
 #include "async/AsyncStream.h"
 #include "async/Task.h"
-#include "http/WSMessage.h"
-#include "http/WSMessageHandler.h"
+#include "websocket/WSMessage.h"
+#include "websocket/WSMessageHandler.h"
 #include "net/Logging.h"
 
 #include <chrono>

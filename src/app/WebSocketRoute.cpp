@@ -2,7 +2,7 @@
 
 #include "app/AppLogger.h"
 #include "app/OrvelMessageHandler.h"
-#include "http/WebSocketHTTPHandler.h"
+#include "websocket/WebSocketHTTPHandler.h"
 #include "net/SocketOwner.h"
 
 #include <unistd.h>

@@ -2,7 +2,7 @@
 #include "async/Task.h"
 #include "http/HTTPRequest.h"
 #include "http/HTTPResponse.h"
-#include "http/WSMessageHandler.h"
+#include "websocket/WSMessageHandler.h"
 #include "net/Logging.h"
 
 #include <memory>

@@ -120,7 +120,7 @@ async::Task<void> HTTPConnection::send(HTTPResponse response) {
     writeBuffer_.clear();
     encodeResponseHeader(response, writeBuffer_);
     if (const auto* handler = response.payload.webSocketHandler()) {
-        co_await sendWebSocket(*handler, std::move(writeBuffer_));
+        co_await (*handler)->takeOver(*this, std::move(writeBuffer_));
         co_return;
     }
     const HTTPBodySequence& body = *response.payload.body();

@@ -15,8 +15,6 @@
 
 namespace orvel::http {
 
-class WSHandler;
-
 // Appends a response's header block: status line, header lines (Content-Length set from a known
 // body count, "chunked" added to Transfer-Encoding for an unknown one, neither for a WebSocket
 // response) and the empty line.
@@ -63,9 +61,6 @@ private:
                    net::Logger logger, Peer peer);
     // Writes what it can without waiting; returns the count written. Throws on failure.
     std::size_t tryWrite(std::string_view bytes);
-
-    // The WebSocket hand-over (webSocket payload). Defined in HTTPConnectionWebSocket.cpp.
-    async::Task<void> sendWebSocket(std::shared_ptr<WSHandler> handler, std::string header);
 
     net::Socket socket_;
     std::shared_ptr<detail::ByteStream> stream_;

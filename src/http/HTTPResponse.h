@@ -3,6 +3,7 @@
 #include "http/HTTPBodySequence.h"
 #include "http/HTTPHeader.h"
 #include "http/HTTPStatusCode.h"
+#include "http/HTTPUpgradeHandler.h"
 #include "http/HTTPVersion.h"
 
 #include <memory>
@@ -12,10 +13,8 @@
 
 namespace orvel::http {
 
-class WSHandler;
-
-// A response: status, headers and either a body or a WebSocket handler that takes the
-// connection over once the header block is written. A plain value; bodies are shared.
+// A response: status, headers and either a body or a handler that takes the connection over
+// once the header block is written (a WebSocket handler). A plain value; bodies are shared.
 class HTTPResponse {
 public:
     // A header name or value holding CR, LF or NUL: written out, it would end the header block
@@ -30,20 +29,20 @@ public:
         enum class Kind { httpBody, webSocket };
 
         static Payload httpBody(HTTPBodySequence body) { return Payload(std::move(body)); }
-        static Payload webSocket(std::shared_ptr<WSHandler> handler) { return Payload(std::move(handler)); }
+        static Payload webSocket(std::shared_ptr<HTTPUpgradeHandler> handler) { return Payload(std::move(handler)); }
 
         Kind kind() const noexcept { return value_.index() == 0 ? Kind::httpBody : Kind::webSocket; }
         // The body of an httpBody payload, else null.
         const HTTPBodySequence* body() const noexcept { return std::get_if<HTTPBodySequence>(&value_); }
         // The handler of a webSocket payload, else null.
-        const std::shared_ptr<WSHandler>* webSocketHandler() const noexcept {
-            return std::get_if<std::shared_ptr<WSHandler>>(&value_);
+        const std::shared_ptr<HTTPUpgradeHandler>* webSocketHandler() const noexcept {
+            return std::get_if<std::shared_ptr<HTTPUpgradeHandler>>(&value_);
         }
 
     private:
         explicit Payload(HTTPBodySequence body) : value_(std::move(body)) {}
-        explicit Payload(std::shared_ptr<WSHandler> handler) : value_(std::move(handler)) {}
-        std::variant<HTTPBodySequence, std::shared_ptr<WSHandler>> value_;
+        explicit Payload(std::shared_ptr<HTTPUpgradeHandler> handler) : value_(std::move(handler)) {}
+        std::variant<HTTPBodySequence, std::shared_ptr<HTTPUpgradeHandler>> value_;
     };
 
     HTTPResponse(HTTPVersion version, HTTPStatusCode statusCode, HTTPHeaders headers, HTTPBodySequence body)
@@ -60,7 +59,7 @@ public:
         : HTTPResponse(HTTPVersion::http11, std::move(statusCode), std::move(headers),
                        HTTPBodySequence(std::move(body))) {}
     // 101 Switching Protocols; the handshake supplies the Upgrade, Connection and accept headers.
-    HTTPResponse(std::shared_ptr<WSHandler> webSocketHandler, HTTPHeaders headers)
+    HTTPResponse(std::shared_ptr<HTTPUpgradeHandler> webSocketHandler, HTTPHeaders headers)
         : version(HTTPVersion::http11),
           statusCode(HTTPStatusCode::switchingProtocols),
           headers(std::move(headers)),

@@ -5,7 +5,7 @@
 
 #include "e2e/Process.h"
 #include "http/HTTPTestSupport.h"
-#include "http/HTTPTestSupport.h"
+#include "websocket/WSTestSupport.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -84,7 +84,7 @@ public:
     };
 
     // Connects and sends the opening handshake with this Origin (none when empty).
-    explicit WebSocketClient(const std::string& origin) : client_(std::make_unique<http::LoopbackClient>(orvelPort)) {
+    explicit WebSocketClient(const std::string& origin) : client_(std::make_unique<http::WSLoopbackClient>(orvelPort)) {
         std::string request = "GET / HTTP/1.1\r\nHost: 127.0.0.1:8505\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                               "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n";
         if (!origin.empty()) request += "Origin: " + origin + "\r\n";
@@ -117,7 +117,7 @@ public:
     void drop() { client_.reset(); }
 
 private:
-    std::unique_ptr<http::LoopbackClient> client_;
+    std::unique_ptr<http::WSLoopbackClient> client_;
     std::string head_;
 };
 

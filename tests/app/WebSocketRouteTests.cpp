@@ -6,7 +6,7 @@
 #include "async/Async.h"
 #include "e2e/Process.h"
 #include "http/HTTPServer.h"
-#include "http/HTTPTestSupport.h"
+#include "websocket/WSTestSupport.h"
 #include "net/Socket.h"
 
 #include <gmock/gmock.h>
@@ -190,7 +190,7 @@ TEST(WebSocketRoute, APageThatStopsReadingIsDroppedOnceTenSecondsOfItsAudioAreUn
     auto running = async::spawn(server.run());
     async::syncWait(server.waitUntilListening(30));
 
-    http::LoopbackClient page(server.listeningAddress()->port, 4096);
+    http::WSLoopbackClient page(server.listeningAddress()->port, 4096);
     page.send("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: http://localhost\r\nUpgrade: websocket\r\n"
               "Connection: Upgrade\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
     ASSERT_THAT(page.response(), ::testing::StartsWith("HTTP/1.1 101 "));

@@ -2,7 +2,6 @@
 #include "http/HTTPBodySequence.h"
 #include "http/HTTPConnection.h"
 #include "http/HTTPRequest.h"
-#include "http/WSFrameEncoder.h"
 #include "http/detail/URLComponents.h"
 #include "net/Logging.h"
 #include "net/SocketAddress.h"
@@ -40,10 +39,6 @@ inline HTTPRequest request(std::string_view method, std::string_view target, HTT
     std::vector<HTTPRequest::QueryItem> query;
     detail::parseURLReference(target, path, query);
     return HTTPRequest(HTTPMethod(method), HTTPVersion::http11, path, query, std::move(headers), std::move(body));
-}
-
-inline WSFrame frame(WSFrame::Opcode opcode, bool fin, Bytes payload = {}) {
-    return WSFrame{.fin = fin, .opcode = opcode, .payload = std::move(payload)};
 }
 
 // The peer's bytes in the given pieces, every other read reporting "would block" so the wait
@@ -136,7 +131,7 @@ private:
     mutable std::vector<std::string> lines_;
 };
 
-// A blocking loopback client speaking HTTP and, after an upgrade, WebSocket frames.
+// A blocking loopback client speaking HTTP.
 class LoopbackClient {
 public:
     // A receiveBuffer other than 0 sets SO_RCVBUF: a peer that does not read fills up sooner.
@@ -164,12 +159,6 @@ public:
     // One byte; false once the server has closed the connection.
     bool sendOne(char byte) { return ::send(fd_, &byte, 1, MSG_NOSIGNAL) == 1; }
     void send(const Bytes& bytes) { send(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())); }
-    // A client's frames are masked.
-    void sendFrame(WSFrame frame) {
-        frame.mask = WSFrame::Mask{0x12, 0x34, 0x56, 0x78};
-        send(WSFrameEncoder::encode(frame));
-    }
-
     // One response (header block and Content-Length body), or "" when the server closed first.
     std::string response() {
         for (;;) {
@@ -188,40 +177,7 @@ public:
     // True when the server closes the connection with nothing (more) to read.
     bool closedWithNothingMore() { return !fill() && buffer_.empty(); }
 
-    // Sends an opening handshake for the RFC 6455 sample key; the response's header block.
-    std::string handshake() {
-        send("GET /chat HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: keep-alive, Upgrade\r\n"
-             "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
-        return response();
-    }
-
-    // The next frame, or nothing once the server has closed the connection.
-    std::optional<WSFrame> readFrame() {
-        for (;;) {
-            auto bytes = std::span(reinterpret_cast<const std::uint8_t*>(buffer_.data()), buffer_.size());
-            auto parsed = WSFrameEncoder::parseHeader(bytes);
-            auto* header = std::get_if<WSFrameEncoder::Header>(&parsed);
-            if (header && bytes.size() >= header->size + header->payloadLength) {
-                WSFrame frame{.fin = header->fin, .rsv1 = header->rsv1, .rsv2 = header->rsv2, .rsv3 = header->rsv3,
-                              .opcode = header->opcode, .mask = header->mask};
-                auto payload = bytes.subspan(header->size, header->payloadLength);
-                frame.payload.assign(payload.begin(), payload.end());
-                buffer_.erase(0, header->size + header->payloadLength);
-                return frame;
-            }
-            if (!fill()) {
-                EXPECT_TRUE(buffer_.empty()) << "connection closed inside a frame";
-                return std::nullopt;
-            }
-        }
-    }
-    std::vector<WSFrame> readUntilClosed() {
-        std::vector<WSFrame> frames;
-        while (auto frame = readFrame()) frames.push_back(std::move(*frame));
-        return frames;
-    }
-
-private:
+protected:
     bool fill() {
         char chunk[65536];
         ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
@@ -231,8 +187,10 @@ private:
         return true;
     }
 
-    int fd_;
     std::string buffer_;
+
+private:
+    int fd_;
 };
 
 }  // namespace orvel::http

@@ -2,11 +2,11 @@
 // ws package as an independent peer.
 #include "http/HTTPServer.h"
 
-#include "HTTPTestSupport.h"
+#include "WSTestSupport.h"
 #include "async/Spawn.h"
 #include "e2e/Process.h"
-#include "http/MessageFrameWSHandler.h"
-#include "http/WebSocketHTTPHandler.h"
+#include "websocket/MessageFrameWSHandler.h"
+#include "websocket/WebSocketHTTPHandler.h"
 #include "net/FdLeakCheck.h"
 
 #include <gmock/gmock.h>
@@ -96,7 +96,7 @@ protected:
 
 TEST_F(WebSocketLoopback, TextAndBinaryMessagesRoundTripAfterTheHandshake) {
     Server server;
-    LoopbackClient client(server.port());
+    WSLoopbackClient client(server.port());
     std::string head = client.handshake();
     EXPECT_THAT(head, ::testing::StartsWith("HTTP/1.1 101 Switching Protocols\r\n"));
     EXPECT_THAT(head, HasSubstr("\r\nSec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"));
@@ -124,7 +124,7 @@ TEST_F(WebSocketLoopback, TextAndBinaryMessagesRoundTripAfterTheHandshake) {
 
 TEST_F(WebSocketLoopback, FragmentedMessageWithAPingAndAPongBetweenFragments) {
     Server server;
-    LoopbackClient client(server.port());
+    WSLoopbackClient client(server.port());
     client.handshake();
     client.sendFrame(frame(Opcode::text, false, bytesOf("frag")));
     client.sendFrame(frame(Opcode::pong, true, {9}));  // ignored
@@ -156,7 +156,7 @@ TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsClose
     };
     Server server;
     for (const auto& [rule, wire, expected] : cases) {
-        LoopbackClient client(server.port());
+        WSLoopbackClient client(server.port());
         client.handshake();
         for (const auto& bytes : wire) client.send(bytes);
         EXPECT_EQ(client.readUntilClosed(), expected) << rule;
@@ -177,7 +177,7 @@ TEST_F(WebSocketLoopback, APeerThatFloodsAndNeverReadsIsDroppedOnceItsRepliesPas
          {Flood{Opcode::ping, 125, 256 * 1024, 0}, Flood{Opcode::binary, 60000, 8 << 20, 1}}) {
         SCOPED_TRACE(size);
         Server server(Application::Kind::echo, budget);
-        LoopbackClient client(server.port(), 4096);
+        WSLoopbackClient client(server.port(), 4096);
         client.handshake();
         const Bytes frame = WSFrameEncoder::encode(
             WSFrame{.opcode = opcode, .mask = WSFrame::Mask{1, 2, 3, 4}, .payload = Bytes(size, 7)});
@@ -213,7 +213,7 @@ TEST_F(WebSocketLoopback, APeerThatFloodsAndNeverReadsIsDroppedOnceItsRepliesPas
 TEST_F(WebSocketLoopback, APeerVanishingMidFrameEndsTheConnectionQuietly) {
     Server server;
     {
-        LoopbackClient client(server.port());
+        WSLoopbackClient client(server.port());
         client.handshake();
         client.send(Bytes{0x82, 0x85, 1, 2, 3, 4, 0xAA});  // five payload bytes announced, one sent
     }
@@ -223,7 +223,7 @@ TEST_F(WebSocketLoopback, APeerVanishingMidFrameEndsTheConnectionQuietly) {
 
 TEST_F(WebSocketLoopback, AnApplicationEndingItsMessagesClosesTheConnection) {
     Server server(Application::Kind::bye);
-    LoopbackClient client(server.port());
+    WSLoopbackClient client(server.port());
     client.handshake();
     EXPECT_THAT(client.readUntilClosed(), ElementsAre(frame(Opcode::text, true, bytesOf("bye")), WSFrame::close()));
     server.log().waitFor("close connection");
@@ -231,7 +231,7 @@ TEST_F(WebSocketLoopback, AnApplicationEndingItsMessagesClosesTheConnection) {
 
 TEST_F(WebSocketLoopback, AHandlerThatCannotStartLeavesNothingWritten) {
     Server server(Application::Kind::refuse);
-    LoopbackClient client(server.port());
+    WSLoopbackClient client(server.port());
     EXPECT_EQ(client.handshake(), "");
     EXPECT_EQ(server.log().waitFor("<127.0.0.1> error:"), "error: <127.0.0.1> error: no messages today");
 }

@@ -1,8 +1,8 @@
 #pragma once
 #include "async/Continuation.h"
 #include "async/Task.h"
-#include "http/WSFrameSequence.h"
-#include "http/WSHandler.h"
+#include "websocket/WSFrameSequence.h"
+#include "websocket/WSHandler.h"
 #include "http/detail/ConnectionReader.h"
 
 #include <memory>
@@ -37,6 +37,7 @@ private:
 // The hand-over of a connection to a WebSocket handler: asks `handler` for its outgoing frames
 // (nothing is written when that fails), writes the 101 header block `header`, logs the switch,
 // completes the connection's request sequence and writes frames until they end.
-async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSHandler> handler, std::string header);
+// `handler` must outlive the returned task.
+async::Task<void> serveWebSocket(HTTPConnection& connection, WSHandler& handler, std::string header);
 
 }  // namespace orvel::http

@@ -1,9 +1,9 @@
-#include "http/MessageFrameWSHandler.h"
+#include "websocket/MessageFrameWSHandler.h"
 
-#include "HTTPTestSupport.h"
+#include "WSTestSupport.h"
 #include "async/Sleep.h"
 #include "async/Spawn.h"
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameValidator.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

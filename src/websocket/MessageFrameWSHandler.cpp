@@ -1,9 +1,9 @@
-#include "http/MessageFrameWSHandler.h"
+#include "websocket/MessageFrameWSHandler.h"
 
 #include "async/Cancellation.h"
 #include "async/Spawn.h"
 #include "async/TaskGroup.h"
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameValidator.h"
 #include "http/detail/UTF8.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "http/WSHandshake.h"
+#include "websocket/WSHandshake.h"
 
 #include <openssl/evp.h>
 

@@ -1,6 +1,6 @@
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameValidator.h"
 
-#include "HTTPTestSupport.h"
+#include "WSTestSupport.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

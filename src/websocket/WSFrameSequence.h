@@ -1,6 +1,6 @@
 #pragma once
 #include "async/Task.h"
-#include "http/WSFrame.h"
+#include "websocket/WSFrame.h"
 
 #include <optional>
 

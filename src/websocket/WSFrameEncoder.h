@@ -1,7 +1,7 @@
 #pragma once
 #include "async/Error.h"
 #include "async/Task.h"
-#include "http/WSFrame.h"
+#include "websocket/WSFrame.h"
 #include "http/detail/ConnectionReader.h"
 
 #include <array>

@@ -1,7 +1,7 @@
-#include "http/WSFrameEncoder.h"
+#include "websocket/WSFrameEncoder.h"
 
 #include "async/Cancellation.h"
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameValidator.h"
 #include "net/SocketError.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "http/WSFrame.h"
+#include "websocket/WSFrame.h"
 
 #include <string_view>
 

@@ -1,6 +1,6 @@
-#include "http/WebSocketHTTPHandler.h"
+#include "websocket/WebSocketHTTPHandler.h"
 
-#include "HTTPTestSupport.h"
+#include "WSTestSupport.h"
 #include "async/Spawn.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
-#include "http/WebSocketHTTPHandler.h"
+#include "websocket/WebSocketHTTPHandler.h"
 
-#include "http/MessageFrameWSHandler.h"
-#include "http/WSHandshake.h"
+#include "websocket/MessageFrameWSHandler.h"
+#include "websocket/WSHandshake.h"
 #include "http/detail/Ascii.h"
 
 #include <utility>

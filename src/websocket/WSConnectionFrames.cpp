@@ -1,8 +1,8 @@
-#include "http/WSConnectionFrames.h"
+#include "websocket/WSConnectionFrames.h"
 
 #include "http/HTTPConnection.h"
-#include "http/WSFrameEncoder.h"
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameEncoder.h"
+#include "websocket/WSFrameValidator.h"
 #include "async/Sleep.h"
 #include "async/Spawn.h"
 #include "net/SocketError.h"
@@ -89,9 +89,9 @@ async::Task<void> WSConnectionFrames::stop() {
     });
 }
 
-async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSHandler> handler, std::string header) {
+async::Task<void> serveWebSocket(HTTPConnection& connection, WSHandler& handler, std::string header) {
     auto incoming = std::make_shared<WSConnectionFrames>(connection.reader());
-    std::optional<WSFrameStream> frames(co_await handler->makeFrames(incoming));
+    std::optional<WSFrameStream> frames(co_await handler.makeFrames(incoming));
     auto guard = std::make_shared<ShutdownGuard>();
     guard->file = connection.socket().file.rawValue;
     frames->onOverflow([logger = connection.logger(), host = connection.hostname(), guard](std::size_t budget) {
@@ -145,6 +145,12 @@ async::Task<void> serveWebSocket(HTTPConnection& connection, std::shared_ptr<WSH
     ::shutdown(connection.socket().file.rawValue, SHUT_RD);
     co_await incoming->stop();
     if (failure) std::rethrow_exception(failure);
+}
+
+// Here rather than in WSHandler.cpp: the hand-over is this file's work. The response that holds
+// the handler lives until the connection's send() returns, so `*this` outlives the task.
+async::Task<void> WSHandler::takeOver(HTTPConnection& connection, std::string header) {
+    return serveWebSocket(connection, *this, std::move(header));
 }
 
 }  // namespace orvel::http

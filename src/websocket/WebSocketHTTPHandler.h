@@ -1,9 +1,9 @@
 #pragma once
 #include "http/HTTPHandler.h"
 #include "http/HTTPMethod.h"
-#include "http/WSHandler.h"
-#include "http/WSHandshake.h"
-#include "http/WSMessageHandler.h"
+#include "websocket/WSHandler.h"
+#include "websocket/WSHandshake.h"
+#include "websocket/WSMessageHandler.h"
 
 #include <cstdint>
 #include <memory>

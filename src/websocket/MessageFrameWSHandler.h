@@ -1,8 +1,8 @@
 #pragma once
 #include "async/Error.h"
-#include "http/WSHandler.h"
-#include "http/WSMessage.h"
-#include "http/WSMessageHandler.h"
+#include "websocket/WSHandler.h"
+#include "websocket/WSMessage.h"
+#include "websocket/WSMessageHandler.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,8 @@
 #pragma once
 #include "async/Task.h"
-#include "http/WSFrame.h"
-#include "http/WSFrameSequence.h"
+#include "http/HTTPUpgradeHandler.h"
+#include "websocket/WSFrame.h"
+#include "websocket/WSFrameSequence.h"
 
 #include <cstddef>
 #include <deque>
@@ -120,10 +121,11 @@ struct WSFrameStream::Pair {
 // Takes an upgraded connection over: given its incoming frames, returns the frames to write.
 // One instance may serve many connections at once. The connection stops reading and closes
 // once the outgoing frames end.
-class WSHandler {
+class WSHandler : public HTTPUpgradeHandler {
 public:
-    virtual ~WSHandler() = default;
     virtual async::Task<WSFrameStream> makeFrames(std::shared_ptr<WSFrameSequence> incoming) = 0;
+    // Serves the connection's frames (serveWebSocket in WSConnectionFrames.h).
+    async::Task<void> takeOver(HTTPConnection& connection, std::string header) final;
 };
 
 }  // namespace orvel::http

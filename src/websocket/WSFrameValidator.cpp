@@ -1,4 +1,4 @@
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameValidator.h"
 
 #include "http/detail/UTF8.h"
 

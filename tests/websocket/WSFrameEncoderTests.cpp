@@ -1,8 +1,8 @@
-#include "http/WSFrameEncoder.h"
+#include "websocket/WSFrameEncoder.h"
 
-#include "HTTPTestSupport.h"
+#include "WSTestSupport.h"
 #include "async/Spawn.h"
-#include "http/WSFrameValidator.h"
+#include "websocket/WSFrameValidator.h"
 #include "net/SocketError.h"
 
 #include <gmock/gmock.h>

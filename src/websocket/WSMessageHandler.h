@@ -1,7 +1,7 @@
 #pragma once
 #include "async/AsyncStream.h"
 #include "async/Task.h"
-#include "http/WSMessage.h"
+#include "websocket/WSMessage.h"
 
 #include <cstddef>
 #include <functional>

@@ -1,6 +1,6 @@
 #pragma once
 #include "async/Error.h"
-#include "http/WSFrame.h"
+#include "websocket/WSFrame.h"
 
 #include <cstddef>
 #include <optional>

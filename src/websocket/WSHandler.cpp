@@ -1,4 +1,4 @@
-#include "http/WSHandler.h"
+#include "websocket/WSHandler.h"
 
 #include "async/Cancellation.h"
 #include "async/Continuation.h"

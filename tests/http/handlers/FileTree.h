@@ -1,0 +1,64 @@
+#pragma once
+#include "http/HTTPHandler.h"
+#include "http/HTTPTestSupport.h"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+// What the file handler tests serve: a folder with a served root inside it and a secret beside
+// the root (never to be reached from it). Removed with the fixture.
+namespace orvel::http {
+
+class FileTree {
+public:
+    FileTree() {
+        std::filesystem::path base = std::filesystem::temp_directory_path() / "orvel-files-XXXXXX";
+        std::string name = base.string();
+        folder = ::mkdtemp(name.data());
+        root = folder / "www" / "root";
+        std::filesystem::create_directories(root / "css");
+        std::filesystem::create_directories(root / "files");
+        write(folder / "secret", "secret");
+        write(root / "index.HTML", "<p>hi</p>");
+        write(root / "data", "raw");
+        write(root / "css/site.css", "body{}");
+        write(root / "files/a", "file a");
+        write(root / "empty.json", "");
+        big = std::string(200 * 1024 + 7, 'b');  // streams, in more than one buffer
+        write(root / "big.bin", big);
+        ::mkfifo((root / "pipe").c_str(), 0600);
+        std::filesystem::create_symlink(folder / "secret", root / "link-out");
+        std::filesystem::create_symlink("css/site.css", root / "link-in");
+    }
+    ~FileTree() { std::filesystem::remove_all(folder); }
+    FileTree(const FileTree&) = delete;
+    FileTree& operator=(const FileTree&) = delete;
+
+    std::filesystem::path folder;
+    std::filesystem::path root;
+    std::string big;
+
+private:
+    static void write(const std::filesystem::path& path, const std::string& text) { std::ofstream(path) << text; }
+};
+
+// A handler's answer as "<code> <Content-Type or -> <body>", or the error's text.
+inline std::string answer(HTTPHandler& handler, HTTPRequest request) {
+    try {
+        HTTPResponse response = async::syncWait(handler.handleRequest(std::move(request)));
+        auto bytes = async::syncWait(response.bodyData());
+        std::string text = std::to_string(response.statusCode.code) + " ";
+        int count = 0;
+        for (HTTPHeaders::Field field : response.headers) {
+            text += (count++ ? "," : "") + std::string(field.name) + "=" + std::string(field.value);
+        }
+        return text + (count ? " " : "- ") + std::string(bytes.begin(), bytes.end());
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+}  // namespace orvel::http
