@@ -23,7 +23,7 @@ endfunction()
 # orvel_tests(folder): one GoogleTest binary <folder>_tests from tests/<folder>/*.cpp.
 # Every test gets a hang guard; no test relies on timing.
 function(orvel_tests folder)
-    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/${folder}/*.cpp)
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/${folder}/*.cpp)
     if(NOT sources)
         return()
     endif()
