@@ -12,7 +12,7 @@
 #include <cmath>
 #include <mutex>
 #include <thread>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 namespace orvel::http {
@@ -129,7 +129,7 @@ private:
         for (Command& command : commands_) {
             if (!command.transfer->finished && !command.cancel) fail(*command.transfer, std::make_exception_ptr(TransferError("Session stopped")));
         }
-        while (!active_.empty()) fail(**active_.begin(), std::make_exception_ptr(TransferError("Session stopped")));
+        while (!active_.empty()) fail(*active_.begin()->second, std::make_exception_ptr(TransferError("Session stopped")));
     }
 
     static std::exception_ptr cancelledError() { return std::make_exception_ptr(async::CancellationError()); }
@@ -145,7 +145,7 @@ private:
             fail(*transfer, std::make_exception_ptr(TransferError(curl_multi_strerror(code))));
             return;
         }
-        active_.insert(transfer);
+        active_.emplace(transfer.get(), transfer);
     }
 
     static void configure(Transfer& transfer) {
@@ -238,7 +238,7 @@ private:
             curl_multi_remove_handle(multi_, transfer.easy);
             curl_easy_cleanup(std::exchange(transfer.easy, nullptr));
         }
-        std::erase_if(active_, [&](const std::shared_ptr<Transfer>& t) { return t.get() == &transfer; });
+        active_.erase(&transfer);
     }
 
     CURLM* multi_ = nullptr;
@@ -246,7 +246,7 @@ private:
     std::mutex mutex_;
     std::vector<Command> commands_;
     bool stopping_ = false;
-    std::unordered_set<std::shared_ptr<Transfer>> active_;
+    std::unordered_map<Transfer*, std::shared_ptr<Transfer>> active_;
 };
 
 HTTPClientSession::HTTPClientSession() : engine_(std::make_unique<Engine>()) {}

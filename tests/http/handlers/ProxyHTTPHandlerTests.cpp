@@ -5,6 +5,7 @@
 #include "e2e/Process.h"
 #include "http/BadURLError.h"
 #include "http/HTTPServer.h"
+#include "net/FdLeakCheck.h"
 #include "net/SocketPool.h"
 
 #include <gmock/gmock.h>
@@ -76,8 +77,33 @@ private:
     test::Fd fd_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 
-class ProxyHTTPHandlerTest : public ::testing::Test {
+// A request body that stops at its first read until the test lets it go on.
+class GatedBody final : public HTTPBodySequence::Source {
+public:
+    async::Task<std::optional<HTTPBodySequence::Bytes>> nextBuffer(std::size_t) override {
+        if (std::exchange(done_, true)) co_return std::nullopt;
+        GatedBody* self = this;
+        co_await async::withCheckedContinuation<void>([self](async::Continuation<void> gate) {
+            self->gate_ = gate;
+            self->reached.store(true);
+        });
+        co_return HTTPBodySequence::Bytes{'x'};
+    }
+    async::Task<std::optional<std::uint8_t>> next() override { co_return std::nullopt; }
+    void open() { gate_.resume(); }
+    std::atomic<bool> reached{false};
+
+private:
+    async::Continuation<void> gate_;
+    bool done_ = false;
+};
+
+class ProxyHTTPHandlerTest : public test::FdLeakCheck {
 protected:
+    void SetUp() override {
+        test::FdLeakCheck::SetUp();
+        session = HTTPClientSession::make();
+    }
     // A server of ours on an ephemeral port: the upstream, or the server in front of the proxy.
     std::uint16_t start(std::shared_ptr<HTTPServer> server) {
         servers.push_back(server);
@@ -92,11 +118,14 @@ protected:
     void TearDown() override {
         for (auto& server : servers) async::syncWait(server->stop(30));
         for (auto& task : running) task.wait();
+        servers.clear();
+        session.reset();  // its thread and the connections it kept
+        test::FdLeakCheck::TearDown();
     }
 
     std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
     std::shared_ptr<net::SocketPool> pool = net::SocketPool::make(net::SocketPool::defaultMaxEvents, logger);
-    std::shared_ptr<HTTPClientSession> session = HTTPClientSession::make();
+    std::shared_ptr<HTTPClientSession> session;
     std::vector<std::shared_ptr<HTTPServer>> servers;
     std::vector<async::TaskHandle<void>> running;
 };
@@ -178,6 +207,21 @@ TEST_F(ProxyHTTPHandlerTest, RelaysACompressedUpstreamDecoded) {
         EXPECT_FALSE(response.headers.contains(name)) << name;
     auto body = async::syncWait(response.bodyData());
     EXPECT_TRUE(std::string(body.begin(), body.end()) == page) << "body of " << body.size() << " bytes";
+}
+
+TEST_F(ProxyHTTPHandlerTest, NeverStartsATransferForACancelledTask) {
+    SilentUpstream silent;
+    ProxyHTTPHandler proxy("http://127.0.0.1:" + std::to_string(silent.port), session);
+    auto gated = std::make_shared<GatedBody>();
+    HTTPRequest cancelled = request("POST", "/x");
+    cancelled.bodySequence = HTTPBodySequence(gated, 1);
+    auto task = async::spawn(proxy.handleRequest(std::move(cancelled)));
+    ASSERT_TRUE(test::waitUntil([&] { return gated->reached.load(); }, hangGuard));
+    task.cancel();
+    gated->open();
+    ASSERT_TRUE(test::waitUntil([&] { return task.isFinished(); }, hangGuard)) << "the transfer went ahead";
+    EXPECT_THROW(task.wait(), async::CancellationError);
+    EXPECT_FALSE(silent.hasConnection(0));
 }
 
 // Through a server of ours: a failed transfer is a handler error (500), and a transfer whose
