@@ -58,9 +58,8 @@ public:
     // and every Proxy-* header.
     static bool isReserved(std::string_view headerName) noexcept;
 
-    class Engine;
-
 private:
+    class Engine;
     HTTPClientSession();
     std::unique_ptr<Engine> engine_;
 };

@@ -19,7 +19,6 @@ namespace orvel::http {
 namespace {
 
 using ::testing::HasSubstr;
-using namespace std::chrono_literals;
 
 constexpr std::size_t bigBodySize = 16 << 20;
 
@@ -42,8 +41,7 @@ async::Task<HTTPResponse> echo(HTTPRequest request) {
                            std::string(body.begin(), body.end()));
 }
 
-// A listening socket that accepts and never answers, so a transfer to it only ends by a time
-// limit or a cancellation.
+// A listener that accepts and never answers: a transfer to it ends only by a limit or a cancel.
 class SilentUpstream {
 public:
     SilentUpstream() {
@@ -54,22 +52,18 @@ public:
         ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length);
         port = ntohs(address.sin_port);
     }
-    bool hasConnection(int waitMilliseconds) {
+    bool hasConnection(std::chrono::milliseconds wait) {
         pollfd entry{fd_.get(), POLLIN, 0};
-        return ::poll(&entry, 1, waitMilliseconds) == 1;
+        return ::poll(&entry, 1, static_cast<int>(wait.count())) == 1;
     }
-    // Accepts the proxy's connection and reads until the proxy closes it; false if it never came
-    // or stayed open past the hang guard.
+    // Accepts the proxy's connection and reads until the proxy closes it (false at the hang guard).
     bool seesConnectionClose() {
-        if (!hasConnection(static_cast<int>(std::chrono::milliseconds(hangGuard).count()))) return false;
+        if (!hasConnection(hangGuard)) return false;
         test::Fd peer(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        timeval guard{static_cast<time_t>(hangGuard.count()), 0};
-        ::setsockopt(peer.get(), SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
         char buffer[4096];
-        ssize_t n;
-        while ((n = ::recv(peer.get(), buffer, sizeof buffer, 0)) > 0) {
-        }
-        return n == 0;
+        for (pollfd entry{peer.get(), POLLIN, 0}; ::poll(&entry, 1, 1000 * hangGuard.count()) == 1;)
+            if (::recv(peer.get(), buffer, sizeof buffer, 0) <= 0) return true;
+        return false;
     }
     std::uint16_t port = 0;
 
@@ -154,14 +148,13 @@ TEST_F(ProxyHTTPHandlerTest, ForwardsTheRequestToTheTargetAndRelaysTheAnswer) {
         EXPECT_EQ(response.headers.value("X-Seen"), c.seen);
         EXPECT_EQ(response.headers.value("X-Host"), "127.0.0.1:" + origin.substr(origin.rfind(':') + 1));
         EXPECT_EQ(response.headers.value("X-Custom"), c.headers.value("X-Custom").value_or("-"));
-        EXPECT_FALSE(response.headers.contains("Content-Encoding"));
+        EXPECT_FALSE(response.headers.contains("Content-Encoding"));  // the upstream's "identity"
         auto body = async::syncWait(response.bodyData());
         EXPECT_EQ(std::string(body.begin(), body.end()), c.body);
     }
     ProxyHTTPHandler proxy(origin + "/api", session, 5);
     auto big = async::syncWait(async::syncWait(proxy.handleRequest(request("GET", "/big"))).bodyData());
-    EXPECT_EQ(big.size(), bigBodySize);
-    EXPECT_EQ(std::count(big.begin(), big.end(), 'b'), static_cast<long>(bigBodySize));
+    EXPECT_TRUE(big == HTTPBodySequence::Bytes(bigBodySize, 'b')) << big.size() << " bytes";
 }
 
 TEST_F(ProxyHTTPHandlerTest, RefusesABaseThatIsNotAnHTTPURL) {
@@ -169,29 +162,25 @@ TEST_F(ProxyHTTPHandlerTest, RefusesABaseThatIsNotAnHTTPURL) {
         ProxyHTTPHandler proxy(base, session);
         EXPECT_THROW(async::syncWait(proxy.handleRequest(request("GET", "/x"))), BadURLError) << base;
     }
-    EXPECT_EQ(BadURLError().description(), "bad URL");
 }
 
 // nginx compresses what it is asked to: the answer arrives decoded and without the headers
 // of its own transfer.
 TEST_F(ProxyHTTPHandlerTest, RelaysACompressedUpstreamDecoded) {
-    const std::string nginx = test::findProgram("nginx").empty() ? "/usr/sbin/nginx" : test::findProgram("nginx");
+    const std::string nginx = "/usr/sbin/nginx";
     if (!test::isExecutable(nginx)) GTEST_SKIP() << "nginx is not installed (scripts/setup --dev)";
     test::TemporaryFolder folder;
     const std::string prefix = folder.path().string();
     std::filesystem::create_directory(folder.path() / "www");
     std::string page;
-    for (int i = 0; i < 4000; ++i) page += "line " + std::to_string(i) + " of a page that compresses well\n";
+    for (int i = 0; i < 4000; ++i) page += "line " + std::to_string(i) + " compresses well\n";
     std::ofstream(folder.path() / "www" / "page.txt") << page;
-    std::uint16_t port = SilentUpstream().port;  // free a moment ago; loopback ports are not contended here
+    const std::uint16_t port = SilentUpstream().port;  // free a moment ago
     std::ofstream(folder.path() / "nginx.conf")
-        << "daemon off; master_process off; pid " << prefix << "/nginx.pid; error_log " << prefix << "/error.log;\n"
-        << "events { worker_connections 64; }\nhttp { access_log off; types { text/plain txt; }\n"
-        << "client_body_temp_path " << prefix << "; proxy_temp_path " << prefix << "; fastcgi_temp_path " << prefix
-        << "; uwsgi_temp_path " << prefix << "; scgi_temp_path " << prefix << ";\n"
-        << "server { listen 127.0.0.1:" << port << "; root " << prefix << "/www; gzip on; gzip_min_length 1;"
-        << " gzip_types text/plain; add_header X-Accept-Encoding $http_accept_encoding; } }\n";
-    test::ChildProcess server({nginx, "-p", prefix, "-e", prefix + "/error.log", "-c", prefix + "/nginx.conf"}, {});
+        << "daemon off; master_process off; pid nginx.pid; events {} http { access_log off; types { text/plain txt; }"
+        << " server { listen 127.0.0.1:" << port << "; root www; gzip on; gzip_min_length 1; gzip_types text/plain;"
+        << " add_header X-Accept-Encoding $http_accept_encoding; } }\n";
+    test::ChildProcess server({nginx, "-p", prefix + "/", "-e", "error.log", "-c", "nginx.conf"}, {});
     ASSERT_TRUE(test::waitUntil([&] {
         test::Fd probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in address = net::inet("127.0.0.1", port);
@@ -221,7 +210,7 @@ TEST_F(ProxyHTTPHandlerTest, NeverStartsATransferForACancelledTask) {
     gated->open();
     ASSERT_TRUE(test::waitUntil([&] { return task.isFinished(); }, hangGuard)) << "the transfer went ahead";
     EXPECT_THROW(task.wait(), async::CancellationError);
-    EXPECT_FALSE(silent.hasConnection(0));
+    EXPECT_FALSE(silent.hasConnection(std::chrono::milliseconds(0)));
 }
 
 // Through a server of ours: a failed transfer is a handler error (500), and a transfer whose
