@@ -103,6 +103,7 @@ private:
             }
             for (Command& command : commands) {
                 if (command.cancel) {
+                    // Not started yet: its start finds the flag. Finished: nothing to abort.
                     if (!command.transfer->finished && command.transfer->easy) fail(*command.transfer, cancelledError());
                 } else if (command.transfer->cancelled.load(std::memory_order_acquire)) {
                     fail(*command.transfer, cancelledError());  // cancelled before it could start
@@ -125,11 +126,12 @@ private:
         }
         // A session ends only once no send() holds it, so nothing waits here any more; anything
         // still queued is failed all the same rather than left hanging.
+        auto stopped = std::make_exception_ptr(TransferError("Session stopped"));
         std::lock_guard lock(mutex_);
         for (Command& command : commands_) {
-            if (!command.transfer->finished && !command.cancel) fail(*command.transfer, std::make_exception_ptr(TransferError("Session stopped")));
+            if (!command.transfer->finished && !command.cancel) fail(*command.transfer, stopped);
         }
-        while (!active_.empty()) fail(*active_.begin()->second, std::make_exception_ptr(TransferError("Session stopped")));
+        while (!active_.empty()) fail(*active_.begin()->second, stopped);
     }
 
     static std::exception_ptr cancelledError() { return std::make_exception_ptr(async::CancellationError()); }
