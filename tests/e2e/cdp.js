@@ -9,7 +9,8 @@
 // Exit code: 0 ok, 1 the page failed to load or the expression threw, 2 time-out or browser failure.
 //
 // usage: node cdp.js (--page HTML | --serve DIR [--path /a/]) --expression EXPR [--host H]
-//                    [--screenshot FILE.png] [--timeout MS] [--chromium PATH]
+//                    [--screenshot FILE.png] [--cpu yes] [--timeout MS] [--chromium PATH]
+// --cpu adds "cpuSeconds": the CPU time every browser process spent during the evaluation.
 'use strict';
 const { spawn } = require('child_process');
 const fs = require('fs');
@@ -43,6 +44,20 @@ function served(url) {
   return { type: types[path.extname(file)] || 'application/octet-stream', body: fs.readFileSync(file) };
 }
 
+// User plus system CPU seconds of the browser's process group, from /proc.
+function browserCPU() {
+  const ticks = Number(require('child_process').execFileSync('getconf', ['CLK_TCK']).toString());
+  let total = 0;
+  for (const entry of fs.readdirSync('/proc')) {
+    if (!/^\d+$/.test(entry)) continue;
+    let stat;
+    try { stat = fs.readFileSync(`/proc/${entry}/stat`, 'utf8'); } catch (_) { continue; }
+    const fields = stat.slice(stat.lastIndexOf(')') + 2).split(' ');  // from field 3, the state
+    if (Number(fields[2]) === browser.pid) total += Number(fields[11]) + Number(fields[12]);
+  }
+  return total / ticks;
+}
+
 const pages = http.createServer((request, response) => {
   const found = served(request.url);
   response.writeHead(found ? 200 : 404, { 'Content-Type': found ? found.type : 'text/plain', 'Cache-Control': 'no-store' });
@@ -74,7 +89,7 @@ const timer = setTimeout(() => finish(2, { ok: false, error: `timed out after ${
 // The flags checked on Debian 12 for a headless browser without a session bus or GPU.
 const flags = ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
   '--disable-background-networking', '--disable-component-update', '--disable-sync',
-  '--autoplay-policy=no-user-gesture-required', `--user-data-dir=${profile}`, '--remote-debugging-pipe', 'about:blank'];
+  '--autoplay-policy=no-user-gesture-required', '--use-fake-ui-for-media-stream', `--user-data-dir=${profile}`, '--remote-debugging-pipe', 'about:blank'];
 browser = spawn(options.chromium, flags, { stdio: ['ignore', 'ignore', 'pipe', 'pipe', 'pipe'], detached: true });
 let browserLog = '';
 browser.stderr.on('data', (chunk) => { browserLog = (browserLog + chunk.toString()).slice(-4000); });
@@ -131,9 +146,11 @@ browser.stdio[4].on('data', (chunk) => {
   const navigation = await send('Page.navigate', { url }, sessionId);
   if (navigation.errorText) return finish(1, { ok: false, error: `cannot load ${url}: ${navigation.errorText}` });
   await loaded;
+  const cpuBefore = options.cpu ? browserCPU() : 0;
   const evaluation = await send('Runtime.evaluate', {
     expression: options.expression, awaitPromise: true, returnByValue: true,
   }, sessionId);
+  const cpu = options.cpu ? { cpuSeconds: browserCPU() - cpuBefore } : {};
   if (evaluation.exceptionDetails) {
     const details = evaluation.exceptionDetails;
     return finish(1, { ok: false, error: (details.exception && details.exception.description) || details.text });
@@ -142,5 +159,5 @@ browser.stdio[4].on('data', (chunk) => {
     const { data } = await send('Page.captureScreenshot', { format: 'png', captureBeyondViewport: true }, sessionId);
     fs.writeFileSync(options.screenshot, Buffer.from(data, 'base64'));
   }
-  finish(0, { ok: true, value: evaluation.result.value === undefined ? null : evaluation.result.value });
+  finish(0, { ok: true, value: evaluation.result.value === undefined ? null : evaluation.result.value, ...cpu });
 })().catch((error) => finish(2, { ok: false, error: error.message }));
