@@ -24,4 +24,4 @@ try {
   process.exit(1);
 }
 fs.writeFileSync(file, Buffer.concat(parts.map((p) => Buffer.from(p.buffer, p.byteOffset, p.byteLength))));
-console.log(JSON.stringify({ chunks: parts.length, sizes: [...new Set(parts.map((p) => p.length))], indicesInOrder }));
+console.log(JSON.stringify({ sizes: [...new Set(parts.map((p) => p.length))], indicesInOrder }));
