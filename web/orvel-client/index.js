@@ -220,15 +220,17 @@ export function connect(options) {
 }
 
 // Runs in the audio thread: a ring of samples that starts playing once `target` frames are in,
-// resamples linearly to the context's rate, and drops the oldest audio when the page falls behind.
+// resamples linearly to the context's rate, and when more than `limit` frames wait (a context
+// that started late, or a clock slower than the sound server's) skips ahead to `target` again.
 const processorSource = `
 registerProcessor('orvel-source', class extends AudioWorkletProcessor {
   constructor(options) {
     super();
-    const { ratio, target } = options.processorOptions;
+    const { ratio, target, limit } = options.processorOptions;
     this.ratio = ratio;
     this.target = target;
-    this.ring = new Float32Array(1 << Math.ceil(Math.log2(target * 4 + 48000)));
+    this.limit = limit;
+    this.ring = new Float32Array(1 << Math.ceil(Math.log2(limit + 65536)));
     this.mask = this.ring.length - 1;
     this.written = 0;
     this.read = 0;
@@ -240,7 +242,7 @@ registerProcessor('orvel-source', class extends AudioWorkletProcessor {
       if (samples === null) { this.ended = true; return; }
       for (let i = 0; i < samples.length; i++) this.ring[(this.written + i) & this.mask] = samples[i];
       this.written += samples.length;
-      if (this.written - this.read > this.ring.length - 2) this.read = this.written - this.target;
+      if (this.written - this.read > this.limit) this.read = this.written - this.target;
     };
   }
   process(inputs, outputs) {
@@ -275,9 +277,10 @@ export async function createSourceNode(audioContext, stream, { bufferMs = 200 } 
     registrations.set(audioContext, audioContext.audioWorklet.addModule(url).finally(() => URL.revokeObjectURL(url)));
   }
   await registrations.get(audioContext);
+  const target = Math.max(1, Math.round((bufferMs / 1000) * stream.sampleRate));
   const node = new AudioWorkletNode(audioContext, 'orvel-source', {
     numberOfInputs: 0, numberOfOutputs: 1, outputChannelCount: [1],
-    processorOptions: { ratio: stream.sampleRate / audioContext.sampleRate, target: Math.round((bufferMs / 1000) * stream.sampleRate) },
+    processorOptions: { ratio: stream.sampleRate / audioContext.sampleRate, target, limit: 2 * target + stream.sampleRate / 10 },
   });
   let destination = null;
   Object.defineProperty(node, 'mediaStream', {
