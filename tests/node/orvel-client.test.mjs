@@ -43,7 +43,7 @@ test('samples map to [-1, 1) at both ends of the 16-bit range', () => {
   assert.deepEqual([...int16ToFloat32(raw)], [-1, -0.5, -1 / 32768, 0, 1 / 32768, 32767 / 32768]);
 });
 
-test('chunks arrive in order with their indices, samples and a rising capture time', async (t) => {
+test('chunks arrive in order with their indices, samples and a rising capture time, and a stalled reader keeps the newest', async (t) => {
   const orvel = await fakeOrvel((socket) => {
     for (const chunk of [chunkOf(1, 2), chunkOf(3, 4), chunkOf(-32768, 32767), chunkOf(5)]) socket.send(chunk);
     socket.close(1011, 'Audio capture failed');
@@ -55,6 +55,11 @@ test('chunks arrive in order with their indices, samples and a rising capture ti
   assert.ok(chunks.every((c, i) => i === 0 || c.captureTime > chunks[i - 1].captureTime));
   assert.equal(error.code, 'capture-failed');
   assert.deepEqual(JSON.parse(orvel.configurations[0].text), { type: 'loopback', sample_rate: 16000 });
+  // A reader that does not keep up holds only the newest chunks; the indices show the gap.
+  const slow = connect({ url: orvel.url, WebSocket, maxQueued: 2 });
+  await slow.closed;
+  assert.deepEqual((await drain(slow)).chunks.map((c) => c.index), [2, 3]);
+  assert.equal(slow.dropped, 2);
   assert.equal(orvel.configurations[0].origin, 'http://localhost', 'Orvel refuses a handshake without an origin');
 });
 
@@ -108,7 +113,7 @@ test('a stream reconnects only when asked, with growing delays, and never after 
   }
 });
 
-test('close() ends the iteration without an error and stops reconnecting', async (t) => {
+test('after a reconnection, close() ends the iteration without an error', async (t) => {
   const orvel = await fakeOrvel((socket, index) => (index === 0 ? socket.close(1001) : socket.send(chunkOf(1))));
   t.after(orvel.stop);
   const stream = connect({ url: orvel.url, WebSocket, reconnect: { initialDelay: 5 } });
