@@ -26,6 +26,9 @@ async function fakeOrvel(session, { refuse = false } = {}) {
   };
 }
 
+// Only a guard against a hang; nothing here depends on timing.
+const guard = { timeout: 60000 };
+
 const chunkOf = (...values) => Buffer.from(new Int16Array(values).buffer);
 
 async function drain(stream) {
@@ -38,12 +41,12 @@ async function drain(stream) {
   return { chunks, error: null };
 }
 
-test('samples map to [-1, 1) at both ends of the 16-bit range', () => {
+test('samples map to [-1, 1) at both ends of the 16-bit range', guard, () => {
   const raw = new Int16Array([-32768, -16384, -1, 0, 1, 32767]);
   assert.deepEqual([...int16ToFloat32(raw)], [-1, -0.5, -1 / 32768, 0, 1 / 32768, 32767 / 32768]);
 });
 
-test('chunks arrive in order with their indices, samples and a rising capture time, and a stalled reader keeps the newest', async (t) => {
+test('chunks arrive in order with their indices, samples and a rising capture time, and a stalled reader keeps the newest', guard, async (t) => {
   const orvel = await fakeOrvel((socket) => {
     for (const chunk of [chunkOf(1, 2), chunkOf(3, 4), chunkOf(-32768, 32767), chunkOf(5)]) socket.send(chunk);
     socket.close(1011, 'Audio capture failed');
@@ -63,7 +66,7 @@ test('chunks arrive in order with their indices, samples and a rising capture ti
   assert.equal(orvel.configurations[0].origin, 'http://localhost', 'Orvel refuses a handshake without an origin');
 });
 
-test('each way a stream ends becomes the error a page can show', async (t) => {
+test('each way a stream ends becomes the error a page can show', guard, async (t) => {
   const cases = [
     [(s) => s.close(1007, 'Invalid configuration'), 'invalid-configuration', 1007],
     [(s) => s.close(1011, 'Audio capture failed'), 'capture-failed', 1011],
@@ -88,14 +91,14 @@ test('each way a stream ends becomes the error a page can show', async (t) => {
   assert.equal((await drain(connect({ url: nothing.url, WebSocket }))).error.code, 'not-running');
 });
 
-test('detect() gives the version, or null when nothing listens', async () => {
+test('detect() gives the version, or null when nothing listens', guard, async () => {
   const orvel = await fakeOrvel(() => {});
   assert.equal(await detect({ url: orvel.url }), 'fake-7');
   await orvel.stop();
   assert.equal(await detect({ url: orvel.url }), null);
 });
 
-test('a stream reconnects only when asked, with growing delays, and never after a refusal', async () => {
+test('a stream reconnects only when asked, with growing delays, and never after a refusal', guard, async () => {
   const cases = [
     { reconnect: false, close: 1011, connections: 1, delays: [] },
     { reconnect: { retries: 3, initialDelay: 5 }, close: 1011, connections: 4, delays: [5, 10, 20] },
@@ -113,7 +116,7 @@ test('a stream reconnects only when asked, with growing delays, and never after 
   }
 });
 
-test('after a reconnection, close() ends the iteration without an error', async (t) => {
+test('after a reconnection, close() ends the iteration without an error', guard, async (t) => {
   const orvel = await fakeOrvel((socket, index) => (index === 0 ? socket.close(1001) : socket.send(chunkOf(1))));
   t.after(orvel.stop);
   const stream = connect({ url: orvel.url, WebSocket, reconnect: { initialDelay: 5 } });
