@@ -6,7 +6,7 @@ import http from 'node:http';
 import WebSocket, { WebSocketServer } from 'ws';
 import { connect, detect, int16ToFloat32, OrvelError } from '../../web/orvel-client/index.js';
 
-// Serves /version and runs `session(socket, configuration, index)` for each stream; a refusing
+// Serves /version and runs `session(socket, index)` once a stream has sent its configuration; a refusing
 // fake answers the handshake with 403 as Orvel does for a foreign origin.
 async function fakeOrvel(session, { refuse = false } = {}) {
   const server = http.createServer((request, response) => response.end(request.url === '/version' ? 'fake-7' : ''));
