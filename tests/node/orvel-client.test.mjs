@@ -6,8 +6,8 @@ import http from 'node:http';
 import WebSocket, { WebSocketServer } from 'ws';
 import { connect, detect, int16ToFloat32, OrvelError } from '../../web/orvel-client/index.js';
 
-// Serves /version and runs `session(socket, index)` once a stream has sent its configuration; a refusing
-// fake answers the handshake with 403 as Orvel does for a foreign origin.
+// Serves /version and runs `session(socket, index)` once a stream has sent its configuration;
+// a refusing fake answers the handshake with 403 as Orvel does for a foreign origin.
 async function fakeOrvel(session, { refuse = false } = {}) {
   const server = http.createServer((request, response) => response.end(request.url === '/version' ? 'fake-7' : ''));
   const sockets = new WebSocketServer({ server, verifyClient: () => !refuse });
