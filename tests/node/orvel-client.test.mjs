@@ -66,7 +66,7 @@ test('chunks arrive in order with their indices, samples and a rising capture ti
   assert.equal(orvel.configurations[0].origin, 'http://localhost', 'Orvel refuses a handshake without an origin');
 });
 
-test('each way a stream ends becomes the error a page can show', guard, async (t) => {
+test('each way a stream ends becomes the error a page can show; detect() tells who answers', guard, async (t) => {
   const cases = [
     [(s) => s.close(1007, 'Invalid configuration'), 'invalid-configuration', 1007],
     [(s) => s.close(1011, 'Audio capture failed'), 'capture-failed', 1011],
@@ -85,17 +85,12 @@ test('each way a stream ends becomes the error a page can show', guard, async (t
   }
   const refusing = await fakeOrvel(() => {}, { refuse: true });
   t.after(refusing.stop);
+  assert.equal(await detect({ url: refusing.url }), 'fake-7');
   assert.equal((await drain(connect({ url: refusing.url, WebSocket }))).error.code, 'origin-refused');
   const nothing = await fakeOrvel(() => {});
   await nothing.stop();
+  assert.equal(await detect({ url: nothing.url }), null);
   assert.equal((await drain(connect({ url: nothing.url, WebSocket }))).error.code, 'not-running');
-});
-
-test('detect() gives the version, or null when nothing listens', guard, async () => {
-  const orvel = await fakeOrvel(() => {});
-  assert.equal(await detect({ url: orvel.url }), 'fake-7');
-  await orvel.stop();
-  assert.equal(await detect({ url: orvel.url }), null);
 });
 
 test('a stream reconnects only when asked, with growing delays, and never after a refusal', guard, async () => {
