@@ -162,8 +162,8 @@ export class OrvelStream {
     const policy = this.#reconnect;
     if (policy && passing.has(error.code) && this.#attempt < policy.retries) {
       const delay = Math.min(policy.maxDelay, policy.initialDelay * 2 ** this.#attempt++);
-      this.#onReconnect?.({ attempt: this.#attempt, delay, error });
       this.#timer = setTimeout(() => { this.#timer = null; this.#open(); }, delay);
+      this.#onReconnect?.({ attempt: this.#attempt, delay, error });  // after: a callback that throws stops nothing
       return;
     }
     this.#finish(error);
