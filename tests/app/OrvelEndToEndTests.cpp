@@ -1,6 +1,6 @@
 // The orvel executable as a page, a user and the desktop meet it: real sockets on
-// 127.0.0.1:8505, a private PulseAudio playing known sounds, a headless Chromium, and a private
-// desktop session for the tray.
+// 127.0.0.1:8505, a private PulseAudio playing known sounds, the page library in node and in a
+// headless Chromium (the demo page), and a private desktop session for the tray.
 
 #include "app/OrvelProcess.h"
 #include "e2e/Chromium.h"
@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
+#include <cmath>
+#include <fstream>
 #include <thread>
 
 namespace orvel {
@@ -339,39 +341,124 @@ TEST_F(OrvelEndToEnd, TheTrayShowsNameVersionAndStreamingPagesAndQuitTerminates)
     EXPECT_THAT(orvel->output(), Not(HasSubstr("No tray host")));
 }
 
-// Counts what arrives until 2.5 s of audio are in, then closes.
-const char* streamingPage = R"(<script>
-window.result = new Promise((resolve) => {
-  const report = { messages: 0, sizes: {}, nonZero: 0 };
-  const socket = new WebSocket("ws://127.0.0.1:8505");
-  socket.binaryType = "arraybuffer";
-  socket.onopen = () => socket.send(JSON.stringify({ type: "loopback", sample_rate: 48000 }));
-  socket.onmessage = (event) => {
-    report.messages += 1;
-    report.sizes[event.data.byteLength] = (report.sizes[event.data.byteLength] || 0) + 1;
-    if (new Int16Array(event.data).some((s) => s !== 0)) report.nonZero += 1;
-    if (report.messages === 25) socket.close(1000, "done");
-  };
-  socket.onclose = (event) => { report.close = event.code; resolve(report); };
-});
-</script>)";
+// The page library in node: what a program gets is what was played, in order, in 100 ms chunks.
+TEST_F(OrvelEndToEnd, ANodeProgramWithThePageLibraryGetsThePlayedSound) {
+    test::PulseAudioServer pulse;
+    test::TestSignals signals;
+    const auto speech = signals.speech("A page gets the computer's sound in three lines.");
+    const auto reference = signals.samples(speech, 16000);
+    auto orvel = start({{"PULSE_SERVER", pulse.server()}});
+    const auto file = config_.path() / "captured.f32";
+    test::ChildProcess client({test::findProgram("node"), ORVEL_SOURCE_DIR "/tests/node/capture-client.mjs", "16000",
+                               std::to_string(reference.size() / 16000 + 3), file.string()}, {});
+    ASSERT_TRUE(client.waitForLineContaining("streaming", 60s)) << client.output() << orvel->output();
+    auto player = pulse.play(speech);
+    ASSERT_EQ(client.exitCode(120s), 0) << client.output();
+    const auto summary = nlohmann::json::parse(client.output().substr(client.output().rfind('{')));
+    EXPECT_EQ(summary, nlohmann::json::parse(R"({"indicesInOrder": true, "sizes": [1600]})")) << summary.dump();
+    std::vector<float> captured(std::filesystem::file_size(file) / sizeof(float));
+    std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(captured.data()), captured.size() * sizeof(float));
+    const auto match = test::findWindow(captured, reference, 3200);
+    EXPECT_GT(match.correlation, 0.95) << "the middle of the phrase is not in what the client got";
+    EXPECT_NEAR(match.levelRatio, 1.0, 0.2);
+    EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
+}
 
-TEST_F(OrvelEndToEnd, AHeadlessBrowserPageReceivesSecondsOfAudio) {
+const std::filesystem::path webSite = ORVEL_SOURCE_DIR "/web";
+
+// Connects the demo at 48000 Hz and reads what it shows once 2 s are in; then records 2 s of an
+// AudioWorklet node's MediaStream (a 16000 Hz stream in a 48000 Hz context: the node resamples)
+// and finds the recording's strongest frequency.
+const char* demoCheck = R"((async () => {
+  const $ = (id) => document.getElementById(id);
+  const until = async (done) => { while (!done()) await new Promise((r) => setTimeout(r, 50)); };
+  const brightness = (p, i) => p[i] + p[i + 1] + p[i + 2];
+  await until(() => $('version').dataset.version !== undefined);
+  $('rate').value = '48000';
+  $('connect').click();
+  await until(() => Number($('chunks').dataset.count) >= 20 || $('status').dataset.state === 'error');
+  const shown = { version: $('version').dataset.version, status: $('status').textContent, dbfs: Number($('level').dataset.dbfs) };
+  const wave = $('waveform'), pixels = wave.getContext('2d').getImageData(0, 0, wave.width, wave.height).data;
+  const rows = new Set();
+  for (let i = 0; i < pixels.length; i += 4) if (brightness(pixels, i) > 0) rows.add(Math.floor(i / 4 / wave.width));
+  shown.waveformRows = rows.size;
+  const spectrogram = $('spectrogram');
+  const column = spectrogram.getContext('2d').getImageData(spectrogram.width - 1, 0, 1, spectrogram.height).data;
+  let top = 0;
+  for (let y = 0; y < spectrogram.height; y++) if (brightness(column, 4 * y) > brightness(column, 4 * top)) top = y;
+  shown.binHz = 48000 / 2 / spectrogram.height;  // one row per bin, the lowest at the bottom
+  shown.peakHz = (spectrogram.height - 1 - top) * shown.binHz;
+
+  const { connect, createSourceNode } = await import('/orvel-client/index.js');
+  const context = new AudioContext({ sampleRate: 48000 });
+  const stream = connect({ sampleRate: 16000 });
+  const recorder = new MediaRecorder((await createSourceNode(context, stream)).mediaStream), parts = [];
+  recorder.ondataavailable = (event) => parts.push(event.data);
+  recorder.start();
+  await new Promise((resolve) => setTimeout(resolve, 2000));
+  await new Promise((resolve) => { recorder.onstop = resolve; recorder.stop(); });
+  stream.close();
+  const audio = await context.decodeAudioData(await new Blob(parts).arrayBuffer());
+  const samples = audio.getChannelData(0).slice(-24000);  // the last half second, well past the jitter buffer
+  shown.recordedSeconds = audio.duration;
+  shown.recordedHz = 0;
+  for (let hz = 50, best = -1; hz <= 4000; hz += 10) {
+    let re = 0, im = 0;
+    samples.forEach((x, i) => { re += x * Math.cos(2 * Math.PI * hz * i / 48000); im += x * Math.sin(2 * Math.PI * hz * i / 48000); });
+    if (re * re + im * im > best) [best, shown.recordedHz] = [re * re + im * im, hz];
+  }
+  return shown;
+})())";
+
+TEST_F(OrvelEndToEnd, TheDemoPageShowsAPlayedToneAndTheWorkletMediaStreamCarriesIt) {
     if (auto missing = test::Chromium::missingTools(); !missing.empty())
         GTEST_SKIP() << "missing: " << missing << "(scripts/setup installs them)";
     test::PulseAudioServer pulse;
     test::TestSignals signals;
+    constexpr double amplitude = 0.5;
     auto orvel = start({{"PULSE_SERVER", pulse.server()}});
-    auto player = pulse.play(signals.sine(440, 0.5, 10));
-    auto page = test::Chromium::evaluate(streamingPage, "window.result", 90s);
+    auto player = pulse.play(signals.sine(440, amplitude, 120));
+    const auto artefacts = std::filesystem::path(ORVEL_BINARY_DIR) / "test-artefacts";
+    std::filesystem::create_directories(artefacts);
+    auto page = test::Chromium::evaluate({.folder = webSite, .path = "/demo/", .screenshot = artefacts / "demo-440hz.png"},
+                                         demoCheck, 120s);
     ASSERT_TRUE(page.ok) << page.error << "\n" << page.output << "\n" << orvel->output();
-    EXPECT_EQ(page.value["sizes"], nlohmann::json({{"9600", 25}})) << page.value.dump();
-    EXPECT_GT(page.value["nonZero"].get<int>(), 10) << "the page got only silence";
-    // Our reply to a page's close always carries status 1002; the page sees that.
-    EXPECT_EQ(page.value["close"], 1002);
+    const auto& shown = page.value;
+    EXPECT_EQ(shown["version"], ORVEL_BUILD_VERSION) << shown.dump();
+    EXPECT_EQ(shown["status"], "Streaming at 48000 Hz.");
+    EXPECT_NEAR(shown["dbfs"].get<double>(), 20 * std::log10(amplitude), 2.0) << "a full-scale sine reads 0 dBFS";
+    EXPECT_GT(shown["waveformRows"].get<int>(), 40) << "a flat waveform";
+    EXPECT_NEAR(shown["peakHz"].get<double>(), 440, shown["binHz"].get<double>());
+    EXPECT_GT(shown["recordedSeconds"].get<double>(), 1.5);
+    EXPECT_NEAR(shown["recordedHz"].get<double>(), 440, 10) << shown.dump();
+    EXPECT_GT(std::filesystem::file_size(artefacts / "demo-440hz.png"), 0u);
+    // The browser has gone: so have its streams and their captures.
     EXPECT_TRUE(orvel->waitForLine("Streaming connections: 0."));
     EXPECT_TRUE(pulse.waitUntilNoSourceOutputs());
     EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
+}
+
+// Both end at the handshake: the page tells a refused origin from no Orvel at all.
+TEST_F(OrvelEndToEnd, TheDemoPageSaysWhyItCouldNotConnect) {
+    if (auto missing = test::Chromium::missingTools(); !missing.empty())
+        GTEST_SKIP() << "missing: " << missing << "(scripts/setup installs them)";
+    const char* connectAndWait = R"((async () => {
+      const status = document.getElementById('status');
+      document.getElementById('connect').click();
+      while (status.dataset.state !== 'error') await new Promise((r) => setTimeout(r, 50));
+      return { code: status.dataset.code, text: status.textContent };
+    })())";
+    for (const auto& [host, running, code, text] :
+         {std::tuple{"127.0.0.1", true, "origin-refused", "Origin refused"}, {"localhost", false, "not-running", "Orvel is not running"}}) {
+        auto orvel = running ? start() : nullptr;
+        auto page = test::Chromium::evaluate({.folder = webSite, .path = "/demo/", .host = host}, connectAndWait, 90s);
+        ASSERT_TRUE(page.ok) << page.error << "\n" << page.output;
+        EXPECT_EQ(page.value["code"], code) << page.value.dump();
+        EXPECT_THAT(page.value["text"].get<std::string>(), HasSubstr(text));
+        if (orvel) {
+            EXPECT_TRUE(orvel->waitForLine("Origin http://127.0.0.1:"));
+        }
+    }
 }
 
 }  // namespace

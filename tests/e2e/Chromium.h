@@ -1,6 +1,6 @@
 #pragma once
-// Headless Chromium for end-to-end tests, through cdp.js (plain node): serves a page at
-// http://localhost:<free port>/, loads it, evaluates an expression that may return a promise and
+// Headless Chromium for end-to-end tests, through cdp.js (plain node): serves a page (or a
+// folder) at http://localhost:<free port>/, loads it, evaluates an expression that may return a promise and
 // gives its value as JSON. The browser runs in its own process group, which cdp.js ends.
 
 #include "e2e/Process.h"
@@ -29,10 +29,30 @@ public:
 
     static Evaluation evaluate(const std::string& pageHtml, const std::string& expression,
                                std::chrono::milliseconds timeout = 60s) {
-        auto run = runProgram({findProgram("node"), std::string(ORVEL_SOURCE_DIR) + "/tests/e2e/cdp.js", "--page",
-                               pageHtml, "--expression", expression, "--timeout", std::to_string(timeout.count()),
-                               "--chromium", browser},
-                              {.mergeStderr = false}, timeout + 30s);  // the browser's chatter stays out of the JSON
+        return run({"--page", pageHtml}, expression, timeout);
+    }
+
+    // A folder served as a site; `host` sets the page's origin, `screenshot` keeps a PNG.
+    struct Site {
+        std::filesystem::path folder;
+        std::string path = "/";
+        std::string host = "localhost";
+        std::filesystem::path screenshot = {};
+    };
+
+    static Evaluation evaluate(const Site& site, const std::string& expression, std::chrono::milliseconds timeout = 60s) {
+        std::vector<std::string> arguments{"--serve", site.folder.string(), "--path", site.path, "--host", site.host};
+        if (!site.screenshot.empty()) arguments.insert(arguments.end(), {"--screenshot", site.screenshot.string()});
+        return run(std::move(arguments), expression, timeout);
+    }
+
+private:
+    static Evaluation run(std::vector<std::string> arguments, const std::string& expression, std::chrono::milliseconds timeout) {
+        arguments.insert(arguments.begin(), {findProgram("node"), std::string(ORVEL_SOURCE_DIR) + "/tests/e2e/cdp.js"});
+        arguments.insert(arguments.end(), {"--expression", expression, "--timeout", std::to_string(timeout.count()),
+                                           "--chromium", browser});
+        // The browser's chatter stays out of the JSON.
+        auto run = runProgram(std::move(arguments), {.mergeStderr = false}, timeout + 30s);
         Evaluation result;
         result.output = run.output;
         auto json = nlohmann::json::parse(run.output.substr(0, run.output.find('\n')), nullptr, false);

@@ -1,12 +1,16 @@
 #!/usr/bin/env node
 // Drives headless Chromium over the DevTools protocol on a pipe (--remote-debugging-pipe: fd 3
 // carries commands, fd 4 replies, each a NUL-terminated JSON message) with node's standard
-// library only. Serves PAGE at http://localhost:<free port>/ (so the page's origin is that),
-// loads it, evaluates EXPR (awaiting a promise), closes the browser and prints one JSON line:
+// library only. Serves PAGE at http://localhost:<free port>/ (so the page's origin is that), or
+// the files of a folder (--serve DIR, loading --path), from another host if --host says so;
+// loads it, evaluates EXPR (awaiting a promise), keeps a screenshot if asked, closes the browser
+// and prints one JSON line:
 //   {"ok":true,"value":...,"console":[...],"exceptions":[...]} or {"ok":false,"error":"...",...}
 // Exit code: 0 ok, 1 the page failed to load or the expression threw, 2 time-out or browser failure.
 //
-// usage: node cdp.js --page HTML --expression EXPR [--timeout MS] [--chromium PATH]
+// usage: node cdp.js (--page HTML | --serve DIR [--path /a/]) --expression EXPR [--host H]
+//                    [--screenshot FILE.png] [--cpu yes] [--timeout MS] [--chromium PATH]
+// --cpu adds "cpuSeconds": the CPU time every browser process spent during the evaluation.
 'use strict';
 const { spawn } = require('child_process');
 const fs = require('fs');
@@ -14,10 +18,10 @@ const http = require('http');
 const os = require('os');
 const path = require('path');
 
-const options = { timeout: 30000, chromium: '/usr/bin/chromium' };
+const options = { timeout: 30000, chromium: '/usr/bin/chromium', host: 'localhost', path: '/' };
 for (let i = 2; i + 1 < process.argv.length; i += 2) options[process.argv[i].replace(/^--/, '')] = process.argv[i + 1];
-if (options.page === undefined || options.expression === undefined) {
-  process.stderr.write('usage: node cdp.js --page HTML --expression EXPR [--timeout MS] [--chromium PATH]\n');
+if ((options.page === undefined && options.serve === undefined) || options.expression === undefined) {
+  process.stderr.write('usage: node cdp.js (--page HTML | --serve DIR [--path /a/]) --expression EXPR [--host H] [--screenshot FILE] [--timeout MS] [--chromium PATH]\n');
   process.exit(2);
 }
 
@@ -27,10 +31,37 @@ const exceptions = [];
 let finished = false;
 let browser;
 
+const types = { '.html': 'text/html', '.js': 'text/javascript', '.mjs': 'text/javascript', '.css': 'text/css', '.json': 'application/json' };
+
+// A file of the served folder, or null; nothing outside it is ever read.
+function served(url) {
+  if (options.serve === undefined) return url === '/' ? { type: 'text/html', body: options.page } : null;
+  const root = path.resolve(options.serve);
+  let file = path.resolve(root, '.' + decodeURIComponent(new URL(url, 'http://x').pathname));
+  if (file !== root && !file.startsWith(root + path.sep)) return null;
+  if (fs.existsSync(file) && fs.statSync(file).isDirectory()) file = path.join(file, 'index.html');
+  if (!fs.existsSync(file)) return null;
+  return { type: types[path.extname(file)] || 'application/octet-stream', body: fs.readFileSync(file) };
+}
+
+// User plus system CPU seconds of the browser's process group, from /proc.
+function browserCPU() {
+  const ticks = Number(require('child_process').execFileSync('getconf', ['CLK_TCK']).toString());
+  let total = 0;
+  for (const entry of fs.readdirSync('/proc')) {
+    if (!/^\d+$/.test(entry)) continue;
+    let stat;
+    try { stat = fs.readFileSync(`/proc/${entry}/stat`, 'utf8'); } catch (_) { continue; }
+    const fields = stat.slice(stat.lastIndexOf(')') + 2).split(' ');  // from field 3, the state
+    if (Number(fields[2]) === browser.pid) total += Number(fields[11]) + Number(fields[12]);
+  }
+  return total / ticks;
+}
+
 const pages = http.createServer((request, response) => {
-  const found = request.url === '/';
-  response.writeHead(found ? 200 : 404, { 'Content-Type': 'text/html', 'Cache-Control': 'no-store' });
-  response.end(found ? options.page : 'not found');
+  const found = served(request.url);
+  response.writeHead(found ? 200 : 404, { 'Content-Type': found ? found.type : 'text/plain', 'Cache-Control': 'no-store' });
+  response.end(found ? found.body : 'not found');
 });
 
 function finish(code, result) {
@@ -58,7 +89,7 @@ const timer = setTimeout(() => finish(2, { ok: false, error: `timed out after ${
 // The flags checked on Debian 12 for a headless browser without a session bus or GPU.
 const flags = ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
   '--disable-background-networking', '--disable-component-update', '--disable-sync',
-  `--user-data-dir=${profile}`, '--remote-debugging-pipe', 'about:blank'];
+  '--autoplay-policy=no-user-gesture-required', '--use-fake-ui-for-media-stream', `--user-data-dir=${profile}`, '--remote-debugging-pipe', 'about:blank'];
 browser = spawn(options.chromium, flags, { stdio: ['ignore', 'ignore', 'pipe', 'pipe', 'pipe'], detached: true });
 let browserLog = '';
 browser.stderr.on('data', (chunk) => { browserLog = (browserLog + chunk.toString()).slice(-4000); });
@@ -105,7 +136,7 @@ browser.stdio[4].on('data', (chunk) => {
 
 (async () => {
   await new Promise((resolve) => pages.listen(0, '127.0.0.1', resolve));
-  const url = `http://localhost:${pages.address().port}/`;
+  const url = `http://${options.host}:${pages.address().port}${options.path}`;
   const { targetId } = await send('Target.createTarget', { url: 'about:blank' });
   const { sessionId } = await send('Target.attachToTarget', { targetId, flatten: true });
   await send('Page.enable', {}, sessionId);
@@ -115,12 +146,18 @@ browser.stdio[4].on('data', (chunk) => {
   const navigation = await send('Page.navigate', { url }, sessionId);
   if (navigation.errorText) return finish(1, { ok: false, error: `cannot load ${url}: ${navigation.errorText}` });
   await loaded;
+  const cpuBefore = options.cpu ? browserCPU() : 0;
   const evaluation = await send('Runtime.evaluate', {
     expression: options.expression, awaitPromise: true, returnByValue: true,
   }, sessionId);
+  const cpu = options.cpu ? { cpuSeconds: browserCPU() - cpuBefore } : {};
   if (evaluation.exceptionDetails) {
     const details = evaluation.exceptionDetails;
     return finish(1, { ok: false, error: (details.exception && details.exception.description) || details.text });
   }
-  finish(0, { ok: true, value: evaluation.result.value === undefined ? null : evaluation.result.value });
+  if (options.screenshot) {
+    const { data } = await send('Page.captureScreenshot', { format: 'png', captureBeyondViewport: true }, sessionId);
+    fs.writeFileSync(options.screenshot, Buffer.from(data, 'base64'));
+  }
+  finish(0, { ok: true, value: evaluation.result.value === undefined ? null : evaluation.result.value, ...cpu });
 })().catch((error) => finish(2, { ok: false, error: error.message }));
