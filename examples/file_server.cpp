@@ -1,12 +1,15 @@
 // Serves the files of a folder over HTTP, the way a newcomer starts with the toolkit:
 //
-//   file_server --root DIR --port N
+//   file_server --root DIR --port N [--proxy /api=http://127.0.0.1:9000]...
 //
-// "GET /" is redirected to "/index.html"; every other GET names a file below DIR. Only this
-// machine can connect (127.0.0.1). Set FILE_SERVER_LOG=1 for a log line per connection.
+// "GET /" is redirected to "/index.html"; a request under a proxied prefix is forwarded (its
+// whole path appended to the URL); every other GET names a file below DIR. Only this machine
+// can connect (127.0.0.1). Set FILE_SERVER_LOG=1 for a log line per connection.
 #include "ExampleServer.h"
 #include "http/HTTPServer.h"
+#include "http/HTTPClientSession.h"
 #include "http/handlers/DirectoryHTTPHandler.h"
+#include "http/handlers/ProxyHTTPHandler.h"
 #include "http/handlers/RedirectHTTPHandler.h"
 #include "net/Logging.h"
 #include "net/SocketAddress.h"
@@ -17,18 +20,22 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 using namespace orvel;
 
 namespace {
 
 const char* const usage =
-    "usage: file_server --root DIR --port N\n"
-    "Serves the files below DIR on http://127.0.0.1:N/ (\"/\" redirects to /index.html).\n";
+    "usage: file_server --root DIR --port N [--proxy PREFIX=URL]...\n"
+    "Serves the files below DIR on http://127.0.0.1:N/ (\"/\" redirects to /index.html).\n"
+    "--proxy /api=http://127.0.0.1:9000 forwards every request under /api to that server.\n";
 
 struct Arguments {
     std::string root;
     long port = -1;
+    std::vector<std::pair<std::string, std::string>> proxies;  // path prefix, target URL
 };
 
 // The arguments, or an error text (empty for --help).
@@ -36,7 +43,7 @@ bool parse(int argc, char** argv, Arguments& arguments, std::string& error) {
     for (int i = 1; i < argc; ++i) {
         std::string name = argv[i];
         if (name == "--help" || name == "-h") return false;
-        if (name != "--root" && name != "--port") {
+        if (name != "--root" && name != "--port" && name != "--proxy") {
             error = "unknown argument " + name;
             return false;
         }
@@ -44,8 +51,17 @@ bool parse(int argc, char** argv, Arguments& arguments, std::string& error) {
             error = name + " needs a value";
             return false;
         }
-        if (name == "--root") arguments.root = argv[++i];
-        else ++i;
+        const std::string value = argv[++i];
+        if (name == "--root") {
+            arguments.root = value;
+        } else if (name == "--proxy") {
+            const auto equals = value.find('=');
+            if (equals == std::string::npos || equals == 0 || value[0] != '/') {
+                error = "--proxy needs PREFIX=URL with a prefix that starts with /, not " + value;
+                return false;
+            }
+            arguments.proxies.emplace_back(value.substr(0, equals), value.substr(equals + 1));
+        }
     }
     arguments.port = examples::portArgument(argc, argv);
     if (arguments.root.empty()) error = "--root DIR is missing";
@@ -76,8 +92,19 @@ int main(int argc, char** argv) {
 
     // Routes are tried in order; the first that matches answers.
     server->appendRoute("GET /", std::make_shared<http::RedirectHTTPHandler>("/index.html"));
-    // A route that forwards a path prefix to another server (a proxy handler for "/api/*") goes
-    // here, before the folder's catch-all route below.
+    // Proxied prefixes before the folder's catch-all route; one client session serves them all.
+    if (!arguments.proxies.empty()) {
+        const auto session = http::HTTPClientSession::make();
+        for (const auto& [prefix, url] : arguments.proxies) {
+            try {
+                const auto pattern = (prefix.back() == '/' ? prefix : prefix + "/") + "*";
+                server->appendRoute(http::HTTPRoute(pattern), std::make_shared<http::ProxyHTTPHandler>(url, session));
+            } catch (const std::exception& failure) {
+                std::fprintf(stderr, "file_server: --proxy %s=%s: %s\n", prefix.c_str(), url.c_str(), failure.what());
+                return 2;
+            }
+        }
+    }
     server->appendRoute("GET /*", std::make_shared<http::DirectoryHTTPHandler>(arguments.root, "/"));
 
     std::printf("Serving %s on http://127.0.0.1:%ld/\n", arguments.root.c_str(), arguments.port);
