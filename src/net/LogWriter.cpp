@@ -103,9 +103,10 @@ LogWriter::~LogWriter() {
 
 LogWriter& LogWriter::shared() {
     static LogWriter* writer = new LogWriter(Options{});
-    // Static destruction (a return from main, exit()) writes what is still queued.
+    // Static destruction (a return from main, exit()) writes what is still queued, unless the
+    // descriptor has stopped taking lines.
     static const struct FlushAtExit {
-        ~FlushAtExit() { writer->flush(); }
+        ~FlushAtExit() { writer->flush(std::chrono::seconds(2)); }
     } flushAtExit;
     return *writer;
 }
@@ -155,15 +156,21 @@ void LogWriter::writeJournal(int priority, std::string_view category, std::strin
     queued(lock);
 }
 
-void LogWriter::flush() noexcept {
+bool LogWriter::flush(std::chrono::milliseconds limit) noexcept {
     std::unique_lock lock(mutex_);
     const std::uint64_t target = queuedLines_;
-    if (writtenLines_ >= target) return;
+    if (writtenLines_ >= target) return true;
     ++flushing_;
     idle_ = false;
     wake_.notify_one();
-    written_.wait(lock, [&] { return writtenLines_ >= target; });
+    const auto done = [&] { return writtenLines_ >= target; };
+    bool flushed = true;
+    if (limit == std::chrono::milliseconds::max())
+        written_.wait(lock, done);
+    else
+        flushed = written_.wait_for(lock, limit, done);
     --flushing_;
+    return flushed;
 }
 
 std::uint64_t LogWriter::droppedCount() const noexcept {

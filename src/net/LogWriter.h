@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <condition_variable>
 #include <initializer_list>
 #include <cstddef>
@@ -48,8 +49,9 @@ public:
     void writeJournal(int priority, std::string_view category, std::string_view subsystem,
                       std::string_view message) noexcept;
 
-    // Returns once everything queued before the call has been written (or dropped).
-    void flush() noexcept;
+    // Returns once everything queued before the call has been written (or dropped), or when
+    // `limit` has passed (false then: a descriptor nobody reads must not hold up an exit).
+    bool flush(std::chrono::milliseconds limit = std::chrono::milliseconds::max()) noexcept;
     // Lines dropped so far because the queue was full.
     std::uint64_t droppedCount() const noexcept;
 
