@@ -39,7 +39,7 @@ void appendField(std::string& out, std::string_view name, std::string_view value
 }
 
 std::size_t journalEntrySize(std::string_view category, std::string_view subsystem, std::string_view message) {
-    return 64 + category.size() + subsystem.size() + message.size();  // a bound, for admission
+    return 96 + category.size() + subsystem.size() + message.size();  // at least the entry's size
 }
 
 void appendJournalEntry(std::string& out, int priority, std::string_view category, std::string_view subsystem,
@@ -52,18 +52,13 @@ void appendJournalEntry(std::string& out, int priority, std::string_view categor
     appendField(out, "MESSAGE", message);
 }
 
-int connectJournal(const std::string& path) {
-    sockaddr_un address{};
-    if (path.empty() || path.size() >= sizeof address.sun_path) return -1;
+// An unconnected datagram socket, each entry sent to the journal's address: a journal that
+// restarts takes the next batch. None when the socket is not there or not writable.
+int openJournal(const std::string& path, sockaddr_un& address) {
+    if (path.empty() || path.size() >= sizeof address.sun_path || ::access(path.c_str(), W_OK) != 0) return -1;
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
-    int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    return ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 }
 
 std::string droppedLine(std::uint64_t dropped) {
@@ -79,7 +74,7 @@ void LogWriter::Batch::clear() noexcept {
     lines = 0;
 }
 
-LogWriter::LogWriter(Options options) : options_(std::move(options)), journal_(connectJournal(options_.journalSocket)) {
+LogWriter::LogWriter(Options options) : options_(std::move(options)), journal_(openJournal(options_.journalSocket, journalAddress_)) {
     try {
         thread_ = std::thread([this] {
             pthread_setname_np(pthread_self(), "orvel.log");
@@ -238,6 +233,8 @@ void LogWriter::sendJournal(const Batch& batch) noexcept {
         std::size_t at = offset;
         for (std::size_t i = 0; i < count; ++i) {
             parts[i] = {const_cast<char*>(batch.journal.data() + at), batch.journalSizes[next + i]};
+            messages[i].msg_hdr.msg_name = &journalAddress_;
+            messages[i].msg_hdr.msg_namelen = sizeof journalAddress_;
             messages[i].msg_hdr.msg_iov = &parts[i];
             messages[i].msg_hdr.msg_iovlen = 1;
             at += batch.journalSizes[next + i];

@@ -1,4 +1,6 @@
 #pragma once
+#include <sys/un.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <initializer_list>
@@ -40,7 +42,7 @@ public:
     // pool threads may log while the process exits); what is queued is written at exit.
     static LogWriter& shared();
 
-    // True when the journal's socket took our connection.
+    // True when the journal's socket is there and writable.
     bool hasJournal() const noexcept { return journal_ >= 0; }
 
     // Queues one text line made of `parts` and a line feed.
@@ -72,6 +74,7 @@ private:
     void sendJournal(const Batch& batch) noexcept;
 
     Options options_;
+    sockaddr_un journalAddress_{};
     int journal_ = -1;
     mutable std::mutex mutex_;
     std::condition_variable wake_;

@@ -82,7 +82,6 @@ TEST(JournalLogger, WritesEntriesInTheJournalsDatagramFormat) {
     const int journal = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(::bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     LogWriter writer({.textDescriptor = -1, .journalSocket = path});
-    ::unlink(path.c_str());
     const JournalLogger toJournal("LoggingTest", {.subsystem = "com.tamrix.orvel", .writer = &writer});
     EXPECT_TRUE(toJournal.writesToJournal());
     toJournal.logInfo("journal line");
@@ -99,6 +98,7 @@ TEST(JournalLogger, WritesEntriesInTheJournalsDatagramFormat) {
         EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0))), entry);
     }
     ::close(journal);
+    ::unlink(path.c_str());
 }
 
 TEST(Loggers, DroppedLevelsAreNeverBuilt) {
