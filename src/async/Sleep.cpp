@@ -25,9 +25,11 @@ bool SleepAwaiter::await_suspend(std::coroutine_handle<> handle) {
     return (state_.fetch_and(~1u, std::memory_order_acq_rel) & 2u) == 0;
 }
 
-void SleepAwaiter::await_resume() {
+bool SleepAwaiter::await_resume() {
     if (context_) context_->remove(node_);
-    if (wasCancelled_.load(std::memory_order_relaxed)) throw CancellationError();
+    if (!wasCancelled_.load(std::memory_order_relaxed)) return true;
+    if (quiet_) return false;
+    throw CancellationError();
 }
 
 void SleepAwaiter::fired(TimerService::Timer* timer) { static_cast<Timer*>(timer)->owner->resumeOnce(); }

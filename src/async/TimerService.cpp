@@ -86,8 +86,8 @@ bool TimerService::cancel(Timer& timer) {
 }
 
 void TimerService::ready() noexcept {
-    std::uint64_t expirations;
-    [[maybe_unused]] const auto drained = ::read(timerFd_, &expirations, sizeof expirations);
+    // The timerfd is never read: each expiry is a new edge for the reactor whatever its count
+    // says, and re-arming below is all it needs (a read per wake-up was a system call for nothing).
     std::unique_lock lock(mutex_);
     // One timer at a time, taken off the heap just before it fires: a cancel that comes later
     // learns that it fired.

@@ -286,7 +286,7 @@ async::Task<void> HTTPServer::watchPeer(std::shared_ptr<HTTPConnection> connecti
             if (reader.deadline() == deadline && connection->requests().timeOut(limit)) co_return;
             deadline = Clock::time_point::max();  // not reading now: look again later
         }
-        co_await async::sleep(std::min(deadline - now, shortest));
+        if (!co_await async::sleepUnlessCancelled(std::min(deadline - now, shortest))) co_return;
     }
 }
 
@@ -321,6 +321,9 @@ async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
         if (!request) break;
         logger->logInfo([&] { return "<" + host + "> request: " + request->method.rawValue + " " + request->path; });
         HTTPResponse response = co_await handleRequest(std::move(*request), handlers, handlerScope);
+        // An HTTP/1.1 client takes a connection for kept unless told: the last response says so.
+        if (connection->requests().isComplete() && !response.payload.webSocketHandler())
+            response.headers.set(HTTPHeader::connection, "close");
         try {
             co_await connection->send(std::move(response));
             connection->reader().expectIdle();
@@ -333,9 +336,8 @@ async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
 
     watchdog.cancel();
     try {
-        co_await watchdog.value();
+        co_await watchdog.value();  // ends without a throw, cancelled or after a time-out
     } catch (...) {
-        // cancelled, or done after a time-out
     }
     connection->close();
     openConnections_.fetch_sub(1, std::memory_order_relaxed);

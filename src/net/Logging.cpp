@@ -1,8 +1,6 @@
 #include "net/Logging.h"
 
-#include <systemd/sd-journal.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cstdio>
 
@@ -59,27 +57,16 @@ JournalLogger::JournalLogger(std::string category, Options options)
     : category_(std::move(category)),
       subsystem_(std::move(options.subsystem)),
       minimumLevel_(options.minimumLevel),
-      toJournal_(::access(options.journalSocket.c_str(), W_OK) == 0) {}
+      writer_(options.writer ? options.writer : &LogWriter::shared()) {}
 
 void JournalLogger::log(Level level, const LogMessage& message) const {
     if (level < minimumLevel_)
         return;
     const auto text = message();
-    if (toJournal_) {
-        if (subsystem_.empty()) {
-            sd_journal_send("MESSAGE=%s", text.c_str(), "PRIORITY=%i", journalPriority(level),
-                            "SYSLOG_IDENTIFIER=orvel", "CATEGORY=%s", category_.c_str(), nullptr);
-        } else {
-            sd_journal_send("MESSAGE=%s", text.c_str(), "PRIORITY=%i", journalPriority(level),
-                            "SYSLOG_IDENTIFIER=orvel", "CATEGORY=%s", category_.c_str(),
-                            "SUBSYSTEM=%s", subsystem_.c_str(), nullptr);
-        }
-        return;
-    }
-    const auto line = formatLine("orvel: ", category_, level, text);
-    // A single write keeps lines from several threads apart; a short write of a log line is
-    // not worth a retry loop.
-    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+    if (writer_->hasJournal())
+        writer_->writeJournal(journalPriority(level), category_, subsystem_, text);
+    else
+        writer_->writeText({"orvel: [", category_, "] ", name(level), ": ", text});
 }
 
 Logger defaultLogger(std::string category) { return std::make_shared<JournalLogger>(std::move(category)); }

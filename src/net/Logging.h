@@ -1,4 +1,6 @@
 #pragma once
+#include "net/LogWriter.h"
+
 #include <concepts>
 #include <functional>
 #include <memory>
@@ -106,34 +108,32 @@ public:
 };
 
 // The system log: the systemd journal (identifier "orvel", the category in field CATEGORY,
-// the subsystem in SUBSYSTEM when given) when its socket is writable, otherwise one line on
-// standard error ("orvel: [category] level: message"). Without journald sd_journal_send
-// returns 0 and drops the line, hence the check of the socket at construction.
+// the subsystem in SUBSYSTEM when given) when the writer reaches it, otherwise one line on
+// standard error ("orvel: [category] level: message"). The line is handed to a LogWriter, whose
+// thread writes it: logging costs the caller no system call.
 // Levels below `minimumLevel` are dropped unevaluated; like unified logging, debug is off by
 // default. Notice goes to the journal at notice priority; warning, error and critical at error
 // priority.
 class JournalLogger final : public Logging {
 public:
-    static constexpr std::string_view journalSocketPath = "/run/systemd/journal/socket";
-
     struct Options {
         std::string subsystem = {};
         Level minimumLevel = Level::info;
-        std::string journalSocket = std::string(journalSocketPath);
+        LogWriter* writer = nullptr;  // not owned, outlives the logger; nullptr: LogWriter::shared()
     };
 
     explicit JournalLogger(std::string category);
     JournalLogger(std::string category, Options options);
 
     const std::string& category() const noexcept { return category_; }
-    bool writesToJournal() const noexcept { return toJournal_; }
+    bool writesToJournal() const noexcept { return writer_->hasJournal(); }
     void log(Level level, const LogMessage& message) const override;
 
 private:
     std::string category_;
     std::string subsystem_;
     Level minimumLevel_;
-    bool toJournal_;
+    LogWriter* writer_;
 };
 
 // The logger a layer uses when it is given none: the system log for `category`.

@@ -35,7 +35,7 @@ std::string outcome(const async::TaskHandle<void>& handle) {
     }
 }
 
-constexpr char okResponse[] = "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n412";
+constexpr char okResponse[] = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 3\r\n\r\n412";
 
 class HTTPServerTest : public test::FdLeakCheck {
 protected:
@@ -89,18 +89,31 @@ protected:
     std::uint16_t port = 0;
 };
 
-TEST_F(HTTPServerTest, KeepsAKeepAliveConnectionOpenAndClosesAfterAnyOtherRequest) {
+// Every response after which the server closes says "Connection: close"; a kept one does not.
+TEST_F(HTTPServerTest, KeepsAKeepAliveConnectionOpenAndClosesAfterAnyOtherRequestSayingSo) {
     start();
     logger->waitFor("info: starting server 127.0.0.1:" + std::to_string(port));
-    LoopbackClient client(port);
-    client.send("GET /version HTTP/1.1\r\nConnection: Keep-Alive\r\n\r\n");
-    EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: Keep-Alive\r\nContent-Length: 3\r\n\r\n412");
-    client.send("GET /version HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(client.response(), okResponse);
-    EXPECT_TRUE(client.closedWithNothingMore());
+    const std::tuple<std::string, std::string, bool> cases[] = {
+        {"GET /version HTTP/1.1\r\nConnection: Keep-Alive\r\n\r\n",
+         "HTTP/1.1 200 OK\r\nConnection: Keep-Alive\r\nContent-Length: 3\r\n\r\n412", true},
+        {"GET /version HTTP/1.1\r\n\r\n", okResponse, false},
+        {"GET /version HTTP/1.1\r\nConnection: close\r\n\r\n", okResponse, false},
+        {"GET /version HTTP/1.0\r\n\r\n", okResponse, false},
+        {"GET /slow HTTP/1.1\r\n\r\n", "HTTP/1.1 500 Internal Server Error\r\nConnection: close\r\nContent-Length: 0\r\n\r\n", false},
+    };
+    for (const auto& [request, response, kept] : cases) {
+        LoopbackClient client(port);
+        client.send(request);
+        EXPECT_EQ(client.response(), response) << request;
+        if (kept) {
+            client.send("GET /version HTTP/1.1\r\n\r\n");
+            EXPECT_EQ(client.response(), okResponse);
+        }
+        EXPECT_TRUE(client.closedWithNothingMore()) << request;
+    }
     logger->waitFor("info: <127.0.0.1> close connection");
     auto lines = logger->lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "info: <127.0.0.1> request: GET /version"), 2);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "info: <127.0.0.1> request: GET /version"), 5);
     EXPECT_LT(logger->indexOf("info: <127.0.0.1> open connection"), logger->indexOf("info: <127.0.0.1> close connection"));
 }
 
@@ -108,7 +121,7 @@ TEST_F(HTTPServerTest, AnswersAnUnmatchedRequestWith404AndAnEmptyBody) {
     start();
     LoopbackClient client(port);
     client.send("GET /nothing HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(client.response(), "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_EQ(client.response(), "HTTP/1.1 404 Not Found\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
     logger->waitFor("error: unhandled request");
 }
 
@@ -238,7 +251,7 @@ TEST_F(HTTPServerTest, AnswersAResponseHeaderWithALineBreakOrNulWith500AndWrites
     for (std::size_t i = 0; i < std::size(unwritableHeaders); ++i) {
         LoopbackClient client(port);
         client.send("GET /inject/" + std::to_string(i) + " HTTP/1.1\r\n\r\n");
-        EXPECT_EQ(client.response(), "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n") << i;
+        EXPECT_EQ(client.response(), "HTTP/1.1 500 Internal Server Error\r\nConnection: close\r\nContent-Length: 0\r\n\r\n") << i;
         EXPECT_TRUE(client.closedWithNothingMore());
     }
     EXPECT_EQ(logger->waitFor("handler error: "), "error: handler error: Invalid Header Field");

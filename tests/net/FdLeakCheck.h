@@ -1,6 +1,7 @@
 #pragma once
 #include "async/ThreadPool.h"
 #include "async/TimerService.h"
+#include "net/LogWriter.h"
 
 #include <gtest/gtest.h>
 
@@ -19,10 +20,11 @@
 namespace orvel::test {
 
 // The descriptors this process has open, each with what it refers to ("socket:[123]"). The
-// runtime's own (the thread pool's reactor and the timers' timerfd, made on first use and kept
+// runtime's own (the thread pool's reactor, the timers' timerfd and the log's journal socket, made on first use and kept
 // for the life of the process) are made first, so that they are never taken for a leak.
 inline std::map<int, std::string> openDescriptors() {
     async::TimerService::shared();
+    net::LogWriter::shared();
     std::map<int, std::string> descriptors;
     DIR* directory = ::opendir("/proc/self/fd");
     if (!directory)

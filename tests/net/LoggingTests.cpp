@@ -2,12 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 using namespace orvel::net;
 
@@ -48,37 +56,129 @@ TEST(PrintLogger, WritesOneLinePerLevelAsCategoryLevelAndMessage) {
               "[C] debug: built\n[C] info: built\n[C] notice: built\n[C] warning: built\n[C] error: built\n[C] critical: built\n");
 }
 
-TEST(JournalLogger, WritesToTheJournalWhenItsSocketExistsElseTheLineToStandardError) {
-    const JournalLogger toStandardError("HTTPServer", {.journalSocket = "/nonexistent/journal/socket"});
-    EXPECT_FALSE(toStandardError.writesToJournal());
-    testing::internal::CaptureStderr();
-    toStandardError.logWarning([] { return "<127.0.0.1> open connection"; });
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "orvel: [HTTPServer] warning: <127.0.0.1> open connection\n");
+namespace {
 
-    const std::string socket = testing::TempDir() + "orvel-journal-" + std::to_string(::getpid());
-    FILE* standIn = std::fopen(socket.c_str(), "w");
-    ASSERT_NE(standIn, nullptr);
-    std::fclose(standIn);
-    const JournalLogger toJournal("LoggingTest", {.journalSocket = socket});
-    std::remove(socket.c_str());
+// A pipe for a writer's text lines.
+struct Pipe {
+    int fd[2] = {-1, -1};  // read, write
+    Pipe() { EXPECT_EQ(::pipe2(fd, O_CLOEXEC), 0); }
+    ~Pipe() { closeWrite(), ::close(fd[0]); }
+    int write() const { return fd[1]; }
+    void closeWrite() { ::close(std::exchange(fd[1], -1)); }
+    std::string readAll() {  // until the write end is closed
+        std::string out;
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(fd[0], buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<std::size_t>(n));
+        return out;
+    }
+};
+
+}  // namespace
+
+TEST(JournalLogger, WritesEntriesInTheJournalsDatagramFormat) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = testing::TempDir() + "orvel-journal-" + std::to_string(::getpid());
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    const int journal = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    LogWriter writer({.textDescriptor = -1, .journalSocket = path});
+    const JournalLogger toJournal("LoggingTest", {.subsystem = "com.tamrix.orvel", .writer = &writer});
     EXPECT_TRUE(toJournal.writesToJournal());
-    testing::internal::CaptureStderr();
-    toJournal.logInfo("journal logger test line");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    toJournal.logInfo("journal line");
+    toJournal.logError("two\nlines");
+    writer.flush();
+    constexpr char twoLines[] = "PRIORITY=3\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\n"
+                                "MESSAGE\n\x09\0\0\0\0\0\0\0two\nlines\n";
+    const std::string expected[] = {
+        "PRIORITY=6\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\nMESSAGE=journal line\n",
+        std::string(twoLines, sizeof twoLines - 1)};
+    for (const std::string& entry : expected) {
+        char buffer[256];
+        const ssize_t n = ::recv(journal, buffer, sizeof buffer, MSG_DONTWAIT);
+        EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0))), entry);
+    }
+    ::close(journal);
+    ::unlink(path.c_str());
 }
 
 TEST(Loggers, DroppedLevelsAreNeverBuilt) {
     EXPECT_EQ(buildsAtEveryLevel(DisabledLogger()), 0);
 
-    const JournalLogger errorsOnly("C", {.minimumLevel = Logging::Level::error, .journalSocket = "/nonexistent"});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(buildsAtEveryLevel(errorsOnly), 2);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "orvel: [C] error: built\norvel: [C] critical: built\n");
+    Pipe text;
+    {
+        LogWriter writer({.textDescriptor = text.write(), .journalSocket = ""});
+        const JournalLogger errorsOnly("C", {.minimumLevel = Logging::Level::error, .writer = &writer});
+        EXPECT_EQ(buildsAtEveryLevel(errorsOnly), 2);
+        const JournalLogger byDefault("D", {.writer = &writer});
+        EXPECT_FALSE(byDefault.writesToJournal());
+        EXPECT_EQ(buildsAtEveryLevel(byDefault), 5);  // debug is off
+    }
+    text.closeWrite();
+    EXPECT_EQ(text.readAll(), "orvel: [C] error: built\norvel: [C] critical: built\norvel: [D] info: built\n"
+                              "orvel: [D] notice: built\norvel: [D] warning: built\norvel: [D] error: built\norvel: [D] critical: built\n");
+}
 
-    const JournalLogger byDefault("C", {.journalSocket = "/nonexistent"});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(buildsAtEveryLevel(byDefault), 5);  // debug is off
-    testing::internal::GetCapturedStderr();
+// Lines from several threads, below the bound and (with the writer stuck on a full pipe) above
+// it: each thread's lines arrive in order; below the bound none is lost; above it every line is
+// either written or counted in a notice that follows the gap.
+TEST(LogWriter, KeepsOrderLosesNothingBelowItsBoundAndCountsWhatItDropsAbove) {
+    struct Case {
+        const char* name;
+        std::size_t bound;
+        bool stuck;
+    };
+    for (const Case& c : {Case{"below", 1 << 20, false}, Case{"above", 4000, true}}) {
+        Pipe text;
+        if (c.stuck) {  // fill the pipe: the writer's first write blocks until we read
+            ::fcntl(text.write(), F_SETFL, O_NONBLOCK);
+            while (::write(text.write(), "#", 1) == 1 || errno == EINTR) {
+            }
+            ::fcntl(text.write(), F_SETFL, 0);
+        }
+        constexpr int threads = 4, perThread = 500;
+        std::string out;
+        std::uint64_t dropped = 0;
+        {
+            LogWriter writer({.textDescriptor = text.write(), .journalSocket = "", .maxQueuedBytes = c.bound});
+            std::vector<std::thread> producers;
+            for (int t = 0; t < threads; ++t)
+                producers.emplace_back([&, t] {
+                    for (int i = 0; i < perThread; ++i) writer.writeText({std::to_string(t), " ", std::to_string(i)});
+                });
+            for (auto& producer : producers) producer.join();
+            std::thread reader([&] { out = text.readAll(); });
+            writer.flush();
+            dropped = writer.droppedCount();
+            text.closeWrite();
+            reader.join();
+        }
+        out.erase(0, out.find_first_not_of('#'));
+        std::istringstream lines(out);
+        std::vector<int> next(threads, 0);
+        std::uint64_t received = 0, noticed = 0;
+        for (std::string line; std::getline(lines, line);) {
+            unsigned long long count = 0;
+            if (std::sscanf(line.c_str(), "orvel: %llu log lines dropped: the log could not keep up", &count) == 1) {
+                noticed += count;
+                continue;
+            }
+            int t = -1, i = -1;
+            std::istringstream(line) >> t >> i;
+            ASSERT_TRUE(t >= 0 && t < threads) << c.name << ": " << line;
+            EXPECT_GE(i, next[t]) << c.name << ": thread " << t << " out of order";
+            next[t] = i + 1;
+            ++received;
+        }
+        EXPECT_EQ(received + dropped, static_cast<std::uint64_t>(threads * perThread)) << c.name;
+        EXPECT_EQ(noticed, dropped) << c.name;
+        if (c.stuck) {
+            EXPECT_GT(dropped, 0u);
+            EXPECT_GE(received, 4000u / 8) << "the queue holds a bound's worth";
+        } else {
+            EXPECT_EQ(dropped, 0u);
+        }
+    }
 }
 
 namespace {
@@ -89,7 +189,8 @@ struct FailingLogger final : Logging {
 
 TEST(Loggers, AFailingMessageOrBackEndNeverReachesTheCaller) {
     const auto throwingMessage = []() -> std::string { throw std::bad_alloc(); };
-    const JournalLogger journal("C", {.journalSocket = "/nonexistent"});
+    LogWriter writer({.textDescriptor = -1, .journalSocket = ""});
+    const JournalLogger journal("C", {.writer = &writer});
     const PrintLogger print("C");
     const FailingLogger failing;
     for (const Logging* logger : {static_cast<const Logging*>(&journal), static_cast<const Logging*>(&print)}) {
