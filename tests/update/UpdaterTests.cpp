@@ -1,0 +1,124 @@
+#include "update/Appcast.h"
+#include "update/EdSignature.h"
+#include "update/UpdateError.h"
+#include "update/Version.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+namespace orvel::update {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST(UpdateVersionOrder, ComparesNumericComponentsNotText) {
+    const struct {
+        const char *a, *b;
+        int order;
+    } cases[] = {{"1.0.1", "1.0.0", 1}, {"1.10", "1.9", 1}, {"1.0", "1.0.0", 0}, {"2", "10", -1},
+                 {"1.0.0", "1.0.0", 0}, {"1.0.1-beta", "1.0.1", 0}, {"0010", "9", 1},
+                 {"99999999999999999999.1", "99999999999999999999.0", 1}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(compareVersions(c.a, c.b), c.order) << c.a << " vs " << c.b;
+        EXPECT_EQ(compareVersions(c.b, c.a), -c.order) << c.b << " vs " << c.a;
+    }
+}
+
+std::string feed(const std::string& items, const std::string& prefix = "orvel") {
+    return "<?xml version=\"1.0\"?><rss version=\"2.0\" xmlns:" + prefix + "=\"" + Appcast::namespaceURI +
+           "\"><channel><title>t</title>" + items + "</channel></rss>";
+}
+
+std::string item(const std::string& version, const std::string& extra = "", const std::string& prefix = "orvel") {
+    return "<item><enclosure url=\"https://example.com/o.tar.gz\" length=\"42\" " + prefix + ":version=\"" + version +
+           "\" " + prefix + ":edSignature=\"c2ln\"" + extra + "/></item>";
+}
+
+TEST(UpdateAppcast, KeepsCompleteReleasesAndFindsTheNewest) {
+    const struct {
+        std::string name, xml;
+        std::string versions;  // the kept items' versions, joined
+        std::optional<std::string> newest;  // newer than 1.0.0
+    } cases[] = {
+        {"two releases", feed(item("1.0.1") + item("1.2")), "1.0.1,1.2", "1.2"},
+        {"any prefix bound to the namespace", feed(item("1.0.1", "", "u"), "u"), "1.0.1", "1.0.1"},
+        {"only older or equal", feed(item("0.9") + item("1.0")), "0.9,1.0", std::nullopt},
+        {"a version that could leave its folder", feed(item("../1.1") + item("1/1") + item("..")), "", std::nullopt},
+        {"no length, or one that is not a number",
+         feed("<item><enclosure url=\"u\" orvel:version=\"2\" orvel:edSignature=\"s\"/></item>"
+              "<item><enclosure url=\"u\" length=\"4x\" orvel:version=\"3\" orvel:edSignature=\"s\"/></item>"),
+         "", std::nullopt},
+        {"two enclosures", feed("<item><enclosure/><enclosure/></item>"), "", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        const Appcast appcast = Appcast::parse(c.xml);
+        std::string versions;
+        for (const auto& kept : appcast.items()) versions += (versions.empty() ? "" : ",") + kept.versionString;
+        EXPECT_EQ(versions, c.versions) << c.name;
+        const auto newest = appcast.bestItemNewerThan("1.0.0");
+        EXPECT_EQ(newest ? std::optional(newest->versionString) : std::nullopt, c.newest) << c.name;
+    }
+}
+
+TEST(UpdateAppcast, RefusesWhatIsNotAnRSSFeed) {
+    const std::string texts[] = {"not xml at all", "<rss><channel>", "<html><body/></html>", "<rss/>",
+                                 std::string(Appcast::maxFeedBytes + 1, ' ')};
+    for (const auto& text : texts)
+        EXPECT_THROW(Appcast::parse(text), UpdateError) << text.substr(0, 40);
+}
+
+// Signs with a fresh key; checks with that key, another one and broken texts.
+TEST(UpdateSignature, AcceptsOnlyTheKeysSignatureOfTheseExactBytes) {
+    const auto base64 = [](const unsigned char* data, std::size_t size) {
+        std::string text(4 * ((size + 2) / 3) + 1, '\0');
+        text.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), data, static_cast<int>(size)));
+        return text;
+    };
+    const auto makeKey = [] { return std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), &EVP_PKEY_free); };
+    const auto key = makeKey(), other = makeKey();
+    const auto publicKey = [&](EVP_PKEY* pkey) {
+        unsigned char raw[32];
+        std::size_t size = sizeof raw;
+        EVP_PKEY_get_raw_public_key(pkey, raw, &size);
+        return base64(raw, size);
+    };
+    const std::string archive = "the archive's bytes";
+    unsigned char signature[64];
+    std::size_t signatureSize = sizeof signature;
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+    ASSERT_EQ(EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key.get()), 1);
+    ASSERT_EQ(EVP_DigestSign(context.get(), signature, &signatureSize,
+                             reinterpret_cast<const unsigned char*>(archive.data()), archive.size()), 1);
+    const std::string good = base64(signature, signatureSize);
+
+    const auto file = std::filesystem::temp_directory_path() / ("orvel-signature-" + std::to_string(::getpid()));
+    const struct {
+        std::string name, bytes, signature, key;
+        bool valid;
+    } cases[] = {
+        {"signed bytes", archive, good, publicKey(key.get()), true},
+        {"one byte changed", "The archive's bytes", good, publicKey(key.get()), false},
+        {"one byte more", archive + "x", good, publicKey(key.get()), false},
+        {"another key", archive, good, publicKey(other.get()), false},
+        {"signature with whitespace", archive, good.substr(0, 10) + "\n" + good.substr(10), publicKey(key.get()), false},
+        {"signature cut short", archive, good.substr(0, 84), publicKey(key.get()), false},
+        {"no key", archive, good, "", false},
+    };
+    for (const auto& c : cases) {
+        std::ofstream(file, std::ios::binary | std::ios::trunc) << c.bytes;
+        if (c.valid)
+            EXPECT_NO_THROW(verifyEdSignature(file, c.signature, c.key)) << c.name;
+        else
+            EXPECT_THROW(verifyEdSignature(file, c.signature, c.key), UpdateError) << c.name;
+    }
+    std::filesystem::remove(file);
+}
+
+}  // namespace
+}  // namespace orvel::update
