@@ -4,6 +4,7 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,7 +59,13 @@ fs::path UserInstall::stableExecutable() const {
     return root_ / "current/bin/orvel";
 }
 
-bool UserInstall::isWritable() const { return ::access(root_.c_str(), W_OK | X_OK) == 0; }
+bool UserInstall::isWritable() const {
+    // Ours and writable by its owner, not just writable: root may write anywhere, but an install
+    // made read-only, or another account's, is left as it is.
+    struct stat status {};
+    return ::stat(root_.c_str(), &status) == 0 && status.st_uid == ::geteuid() && (status.st_mode & S_IWUSR) &&
+           ::access(root_.c_str(), W_OK | X_OK) == 0;
+}
 
 bool UserInstall::isStaged(const std::string& version) const {
     return ::access(executable(version).c_str(), X_OK) == 0;

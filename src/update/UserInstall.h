@@ -26,7 +26,7 @@ public:
     // ~/.local/bin/orvel when it leads here, else <root>/current/bin/orvel: what a login item starts.
     std::filesystem::path stableExecutable() const;
 
-    // The user may create and rename entries in the root.
+    // The root belongs to this user, who may write it: create and rename entries in it.
     bool isWritable() const;
     // A complete release folder for this version is there (it appears only once complete).
     bool isStaged(const std::string& version) const;
