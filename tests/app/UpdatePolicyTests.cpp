@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <barrier>
-#include <future>
 #include <mutex>
 #include <thread>
 
@@ -15,7 +14,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 struct ScriptedUpdater final : update::UpdaterControl {
     std::atomic<int>* checks;
@@ -129,44 +127,14 @@ TEST(UpdatePolicy, LaunchMakesAndStartsTheUpdaterAndSubscribesOnlyWithTheUpdateK
     }
 }
 
-TEST(UpdatePolicy, DelegateLinesAndDriverRepliesFavourUpdating) {
+TEST(UpdatePolicy, TheCycleLineSaysNoErrorWhenThereIsNone) {
     PolicyHarness harness;
-    update::AppcastItem item;
-    item.versionString = "1.0.1";
     const update::UpdateError error("It broke.");
     harness.delegate->didFinishUpdateCycleForUpdateCheck(update::UpdateCheck::updatesInBackground, nullptr);
     harness.delegate->didFinishUpdateCycleForUpdateCheck(update::UpdateCheck::updates, &error);
-    harness.delegate->willScheduleUpdateCheckAfterDelay(86400);
-    EXPECT_TRUE(harness.delegate->mayPerformUpdateCheck(update::UpdateCheck::updatesInBackground));
-    EXPECT_FALSE(harness.delegate->shouldDownloadReleaseNotesForUpdate(item));
-    bool installedNow = false, resumed = false;
-    EXPECT_TRUE(harness.delegate->willInstallUpdateOnQuit(item, [&] { installedNow = true; }));
-    EXPECT_FALSE(harness.delegate->shouldPostponeRelaunchForUpdate(item, [&] { resumed = true; }));
-    EXPECT_TRUE(installedNow);
-    EXPECT_FALSE(resumed);
     EXPECT_THAT(harness.takeLines(),
                 ElementsAre("SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 1, with error: No error",
-                            "SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 0, with error: It broke.",
-                            "SPUUpdater, willScheduleUpdateCheckAfterDelay: 86400.000000 seconds",
-                            "SPUUpdater, mayPerformUpdateCheck of type: 1. Responding true",
-                            "SPUUpdater, shouldDownloadReleaseNotesForUpdate: 1.0.1. Responding false",
-                            "SPUUpdater, installing update: 1.0.1",
-                            "SPUUpdater, shouldPostponeRelaunchForUpdate: 1.0.1. Responding false"));
-
-    std::promise<update::UpdateChoice> found, ready;
-    std::promise<update::UpdatePermissionResponse> permission;
-    harness.delegate->showUpdateFound(item, {}, [&](update::UpdateChoice choice) { found.set_value(choice); });
-    harness.delegate->showReadyToInstallAndRelaunch([&](update::UpdateChoice choice) { ready.set_value(choice); });
-    harness.delegate->showUpdatePermissionRequest({}, [&](update::UpdatePermissionResponse r) { permission.set_value(r); });
-    EXPECT_EQ(found.get_future().get(), update::UpdateChoice::install);
-    EXPECT_EQ(ready.get_future().get(), update::UpdateChoice::install);
-    const auto answer = permission.get_future().get();
-    EXPECT_TRUE(answer.automaticUpdateChecks && answer.automaticUpdateDownloading == true && !answer.sendSystemProfile);
-    int acknowledged = 0;
-    harness.delegate->showUpdateNotFound(error, [&] { ++acknowledged; });
-    harness.delegate->showUpdaterError(error, [&] { ++acknowledged; });
-    harness.delegate->showUpdateInstalledAndRelaunched(true, [&] { ++acknowledged; });
-    EXPECT_EQ(acknowledged, 3) << "acknowledged before returning";
+                            "SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 0, with error: It broke."));
 }
 
 // A refusal on the updater's thread while the last stream ends on another: whichever comes

@@ -1,21 +1,12 @@
 #include "update/Appcast.h"
-#include "update/EdSignature.h"
 #include "update/UpdateError.h"
 #include "update/Version.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <openssl/evp.h>
-
-#include <filesystem>
-#include <fstream>
-#include <memory>
-
 namespace orvel::update {
 namespace {
-
-using ::testing::HasSubstr;
 
 TEST(UpdateVersionOrder, ComparesNumericComponentsNotText) {
     const struct {
@@ -71,53 +62,6 @@ TEST(UpdateAppcast, RefusesWhatIsNotAnRSSFeed) {
                                  std::string(Appcast::maxFeedBytes + 1, ' ')};
     for (const auto& text : texts)
         EXPECT_THROW(Appcast::parse(text), UpdateError) << text.substr(0, 40);
-}
-
-// Signs with a fresh key; checks with that key, another one and broken texts.
-TEST(UpdateSignature, AcceptsOnlyTheKeysSignatureOfTheseExactBytes) {
-    const auto base64 = [](const unsigned char* data, std::size_t size) {
-        std::string text(4 * ((size + 2) / 3) + 1, '\0');
-        text.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), data, static_cast<int>(size)));
-        return text;
-    };
-    const auto makeKey = [] { return std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), &EVP_PKEY_free); };
-    const auto key = makeKey(), other = makeKey();
-    const auto publicKey = [&](EVP_PKEY* pkey) {
-        unsigned char raw[32];
-        std::size_t size = sizeof raw;
-        EVP_PKEY_get_raw_public_key(pkey, raw, &size);
-        return base64(raw, size);
-    };
-    const std::string archive = "the archive's bytes";
-    unsigned char signature[64];
-    std::size_t signatureSize = sizeof signature;
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    ASSERT_EQ(EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key.get()), 1);
-    ASSERT_EQ(EVP_DigestSign(context.get(), signature, &signatureSize,
-                             reinterpret_cast<const unsigned char*>(archive.data()), archive.size()), 1);
-    const std::string good = base64(signature, signatureSize);
-
-    const auto file = std::filesystem::temp_directory_path() / ("orvel-signature-" + std::to_string(::getpid()));
-    const struct {
-        std::string name, bytes, signature, key;
-        bool valid;
-    } cases[] = {
-        {"signed bytes", archive, good, publicKey(key.get()), true},
-        {"one byte changed", "The archive's bytes", good, publicKey(key.get()), false},
-        {"one byte more", archive + "x", good, publicKey(key.get()), false},
-        {"another key", archive, good, publicKey(other.get()), false},
-        {"signature with whitespace", archive, good.substr(0, 10) + "\n" + good.substr(10), publicKey(key.get()), false},
-        {"signature cut short", archive, good.substr(0, 84), publicKey(key.get()), false},
-        {"no key", archive, good, "", false},
-    };
-    for (const auto& c : cases) {
-        std::ofstream(file, std::ios::binary | std::ios::trunc) << c.bytes;
-        if (c.valid)
-            EXPECT_NO_THROW(verifyEdSignature(file, c.signature, c.key)) << c.name;
-        else
-            EXPECT_THROW(verifyEdSignature(file, c.signature, c.key), UpdateError) << c.name;
-    }
-    std::filesystem::remove(file);
 }
 
 }  // namespace
