@@ -68,7 +68,7 @@ AppDelegate::Environment AppDelegate::Environment::standard(
                                                  update::Updater::Configuration{.relaunch = relaunch});
     };
     return {Bundle::mainBundle(), std::move(loginItem), appLogger(), std::move(terminate), registers,
-            std::move(makeUpdater),  &currentStreamCount(), &platform::NSLog};
+            std::move(makeUpdater), &currentStreamCount(), &platform::NSLog};
 }
 
 AppDelegate::AppDelegate(Environment environment) : environment_(std::move(environment)) {

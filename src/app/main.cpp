@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
         next = relaunchInto;
     }
     if (next && !failed) {
-        // Same process id, same standard streams; every other descriptor is close-on-exec.
+        // Same process id and standard streams; the descriptors we open are close-on-exec.
         const std::string program = next->string();
         char* const arguments[] = {const_cast<char*>(program.c_str()), nullptr};
         ::execv(program.c_str(), arguments);
