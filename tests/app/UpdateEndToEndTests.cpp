@@ -72,11 +72,22 @@ protected:
         ASSERT_EQ(made.exitCode, 0) << made.output;
     }
 
-    std::unique_ptr<test::ChildProcess> serve() {
-        auto server = std::make_unique<test::ChildProcess>(
-            std::vector<std::string>{test::findProgram("python3"), "-m", "http.server", std::to_string(feedPort), "--bind",
-                                     "127.0.0.1", "--directory", feed().string()},
-            test::ChildProcess::Options{});
+    // A slow server sends 64 KiB every 50 ms, so that a download lasts long enough to be killed.
+    std::unique_ptr<test::ChildProcess> serve(bool slow = false) {
+        const std::string port = std::to_string(feedPort);
+        std::vector<std::string> argv{test::findProgram("python3"), "-m", "http.server", port, "--bind", "127.0.0.1",
+                                      "--directory", feed().string()};
+        if (slow)
+            argv = {test::findProgram("python3"), "-c",
+                    "import http.server, os, sys, time\n"
+                    "class Slow(http.server.SimpleHTTPRequestHandler):\n"
+                    "    def copyfile(self, source, target):\n"
+                    "        while chunk := source.read(65536):\n"
+                    "            target.write(chunk); target.flush(); time.sleep(0.05)\n"
+                    "os.chdir(sys.argv[1])\n"
+                    "http.server.ThreadingHTTPServer(('127.0.0.1', int(sys.argv[2])), Slow).serve_forever()\n",
+                    feed().string(), port};
+        auto server = std::make_unique<test::ChildProcess>(argv, test::ChildProcess::Options{});
         const bool up = test::waitUntil([&] { return server->waitForExit(0s) || canConnect(feedPort); }, 60s);
         EXPECT_TRUE(up && !server->waitForExit(0s)) << "the feed server did not start: " << server->output();
         return server;
@@ -240,11 +251,15 @@ TEST_F(UpdateEndToEnd, AKilledUpdateNeverLeavesAHalfWrittenRelease) {
     for (const std::string step : {"SPUUpdater, willDownloadUpdate: 1.0.1", "SPUUpdater, willExtractUpdate: 1.0.1"}) {
         SCOPED_TRACE(step);
         {
-            auto server = serve();
+            auto server = serve(true);
             auto orvel = start();
             ASSERT_TRUE(orvel->waitForLineContaining(step, cycleGuard)) << orvel->output();
             orvel->signal(SIGKILL);
             ASSERT_TRUE(orvel->waitForExit(30s));
+        }
+        if (step.find("Download") != std::string::npos) {
+            EXPECT_LT(fs::file_size(root() / ".1.0.1.download"), fs::file_size(feed() / "orvel-1.0.1.tar.gz"))
+                << "killed in the middle of the download";
         }
         const auto current = fs::read_symlink(root() / "current").string();
         ASSERT_TRUE(current == "1.0.0" || current == "1.0.1") << current;
