@@ -6,6 +6,8 @@
 #include "app/WebSocketRoute.h"
 #include "async/Error.h"
 #include "net/SocketAddress.h"
+#include "platform/NSLog.h"
+#include "update/UserInstall.h"
 
 #include <sys/resource.h>
 
@@ -47,21 +49,48 @@ void raiseDescriptorLimit(const net::Logger& logger) {
     });
 }
 
-AppDelegate::Environment AppDelegate::Environment::standard(std::function<void()> terminate) {
+AppDelegate::Environment AppDelegate::Environment::standard(
+    std::function<void()> terminate, std::function<void(const std::filesystem::path&)> relaunch) {
     auto loginItem = platform::XdgAutostart::mainAppService();
-    const bool registers = !runsFromBuildFolder(loginItem.configuration().executable);
-    return {Bundle::mainBundle(), std::move(loginItem), appLogger(), std::move(terminate), registers};
+    const auto executable = loginItem.configuration().executable;
+    const bool registers = !runsFromBuildFolder(executable);
+    // A per-user install starts at login through its stable path, which every update keeps.
+    if (const auto install = update::UserInstall::containing(executable)) {
+        auto configuration = loginItem.configuration();
+        configuration.executable = install->stableExecutable();
+        loginItem = platform::XdgAutostart(std::move(configuration));
+    }
+    auto makeUpdater = [executable, relaunch = std::move(relaunch)](AppDelegate& delegate) {
+        const Bundle& main = Bundle::mainBundle();
+        update::Updater::Bundle bundle{appVersion(main).value_or(""), main.stringForInfoDictionaryKey(Bundle::feedURLKey),
+                                       main.stringForInfoDictionaryKey(Bundle::publicEDKeyKey), executable};
+        return std::make_unique<update::Updater>(bundle, bundle, delegate, delegate,
+                                                 update::Updater::Configuration{.relaunch = relaunch});
+    };
+    return {Bundle::mainBundle(), std::move(loginItem), appLogger(), std::move(terminate), registers,
+            std::move(makeUpdater), &currentStreamCount(), &platform::NSLog};
 }
 
-AppDelegate::AppDelegate(Environment environment) : environment_(std::move(environment)) {}
+AppDelegate::AppDelegate(Environment environment) : environment_(std::move(environment)) {
+    if (!environment_.nsLog) environment_.nsLog = &platform::NSLog;
+}
 
 AppDelegate::~AppDelegate() {
+    // The updater's thread calls into this delegate: it ends first.
+    currentStreamCountSubscription_.reset();
+    updater_.reset();
     {
         std::lock_guard guard(lock_);
         terminating_ = true;
         if (server_ && !stopTask_) stopTask_ = async::spawn(stopServer(server_));
     }
     waitUntilStopped();
+    std::vector<async::TaskHandle<void>> answers;
+    {
+        std::lock_guard guard(lock_);
+        answers.swap(answers_);
+    }
+    for (const auto& answer : answers) answer.wait();
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
@@ -93,9 +122,11 @@ void AppDelegate::applicationDidFinishLaunching() {
         logger->logInfo([&] { return "Orvel " + *running + " is already running on 127.0.0.1:8505."; });
     }
 
-    std::lock_guard guard(lock_);
-    serverTask_ = async::spawn(runServer(this, appVersion(environment_.bundle), automaticUpdates));
-    // Automatic updates have no updater in this build: nothing subscribes to the count for them.
+    {
+        std::lock_guard guard(lock_);
+        serverTask_ = async::spawn(runServer(this, appVersion(environment_.bundle), automaticUpdates));
+    }
+    setUpUpdates();
 }
 
 async::Task<void> AppDelegate::runServer(AppDelegate* self, std::optional<std::string> version,

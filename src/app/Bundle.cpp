@@ -19,6 +19,12 @@ Bundle::InfoDictionary Bundle::builtInInfoDictionary() {
 #if ORVEL_AUTOMATIC_UPDATES
     info.emplace(automaticUpdatesKey, true);
 #endif
+#ifdef ORVEL_FEED_URL
+    if (std::string url = ORVEL_FEED_URL; !url.empty()) info.emplace(feedURLKey, std::move(url));
+#endif
+#ifdef ORVEL_PUBLIC_ED_KEY
+    if (std::string key = ORVEL_PUBLIC_ED_KEY; !key.empty()) info.emplace(publicEDKeyKey, std::move(key));
+#endif
     return info;
 }
 

@@ -21,6 +21,8 @@ public:
     static constexpr const char* mainIdentifier = "com.tamrix.orvel";
     static constexpr const char* versionKey = "CFBundleVersion";
     static constexpr const char* automaticUpdatesKey = "SUAutomaticallyUpdate";
+    static constexpr const char* feedURLKey = "SUFeedURL";
+    static constexpr const char* publicEDKeyKey = "SUPublicEDKey";
 
     Bundle(std::string bundleIdentifier, InfoDictionary infoDictionary);
 
@@ -28,7 +30,8 @@ public:
     static const Bundle& mainBundle();
 
     // What this build put in the main bundle: "CFBundleVersion" with the build's version (left
-    // out when the build gave none), and "SUAutomaticallyUpdate" = true when updates are configured.
+    // out when the build gave none), "SUAutomaticallyUpdate" = true when updates are configured,
+    // and the update feed and key ("SUFeedURL", "SUPublicEDKey") when the build gave them.
     static InfoDictionary builtInInfoDictionary();
 
     const std::string& bundleIdentifier() const noexcept { return bundleIdentifier_; }

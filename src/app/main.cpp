@@ -8,8 +8,14 @@
 #include "platform/PulseAudioCapture.h"
 #include "platform/TrayIcon.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <optional>
 #include <string_view>
 #include <system_error>
 
@@ -70,7 +76,17 @@ int main(int argc, char** argv) {
     // Declared after the tray, so it ends before the tray goes.
     auto streaming = currentStreamCount().subscribe([&tray](std::int64_t count) { tray.setStreamCount(count); });
 
-    AppDelegate delegate(AppDelegate::Environment::standard([&tray] { tray.terminate(); }));
+    // An update's relaunch: the quit path stops the server, then this process becomes the new one.
+    std::mutex relaunchLock;
+    std::optional<std::filesystem::path> relaunchInto;
+    auto relaunch = [&](const std::filesystem::path& executable) {
+        {
+            std::lock_guard guard(relaunchLock);
+            relaunchInto = executable;
+        }
+        tray.terminate();
+    };
+    AppDelegate delegate(AppDelegate::Environment::standard([&tray] { tray.terminate(); }, relaunch));
     tray.setQuitHandler([&delegate] { delegate.applicationWillTerminate(); });
     tray.post([&delegate] { delegate.applicationDidFinishLaunching(); });
     tray.run();
@@ -78,6 +94,20 @@ int main(int argc, char** argv) {
     // The server has stopped, so no capture starts any more; those still being freed must be gone
     // before static destruction, for their libpulse threads call back into the application.
     platform::PulseAudioCapture::waitForBackgroundShutdowns();
+    std::optional<std::filesystem::path> next;
+    {
+        std::lock_guard guard(relaunchLock);
+        next = relaunchInto;
+    }
+    if (next && !failed) {
+        // Same process id and standard streams; the descriptors we open are close-on-exec.
+        const std::string program = next->string();
+        char* const arguments[] = {const_cast<char*>(program.c_str()), nullptr};
+        ::execv(program.c_str(), arguments);
+        const int reason = errno;
+        appLogger()->logError([&] { return "Could not relaunch " + program + ": " + std::strerror(reason) + "."; });
+        return 1;
+    }
     // A second launch found Orvel running: that is success, not a failure to serve.
     return failed && !delegate.anotherInstanceRunning() ? 1 : 0;
 }
