@@ -95,6 +95,10 @@ public:
                     std::vector<std::string>{"/bin/sh", "-c", "exec \"$0\" >>\"$1\" 2>&1", path,
                                              logFile(program).string()},
                     childOptions()));
+                // The others give up when the core is not there yet.
+                if (processes_.size() == 1 &&
+                    !waitUntil([&] { return std::filesystem::exists(folder_.path() / "xdg" / "pipewire-0"); }, 30s))
+                    throw std::runtime_error("pipewire did not start" + log());
             }
             if (!waitUntil([&] { return tryPactl({"info"}).has_value(); }, 30s))
                 throw std::runtime_error("pipewire-pulse did not answer" + log());
@@ -121,7 +125,9 @@ public:
     // A null sink kept busy by its own silent stream, made the default sink.
     void addSink(const std::string& name) {
         pactl({"load-module", "module-null-sink", "sink_name=" + name});
-        pactl({"set-default-sink", name});
+        // PipeWire's session manager, which keeps the default, may still be starting.
+        if (!waitUntil([&] { return tryPactl({"set-default-sink", name}).has_value(); }, 30s))
+            pactl({"set-default-sink", name});
         keepBusy_.push_back(std::make_unique<ChildProcess>(
             std::vector<std::string>{findProgram("pacat"), "--playback", "--raw", "--format=s16le", "--rate=48000",
                                      "--channels=2", "--latency-msec=20", "--device=" + name, "/dev/zero"},
