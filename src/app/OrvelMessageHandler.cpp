@@ -63,8 +63,11 @@ async::Task<void> dropMessages(async::AsyncStream<WSMessage> incoming) {
 
 }  // namespace
 
+// One capture service for all connections: one sound-server connection for the whole app.
 OrvelMessageHandler::OrvelMessageHandler()
-    : OrvelMessageHandler([](std::int64_t rate) { return startAudioCapture(rate); }, appLogger()) {}
+    : OrvelMessageHandler([environment = AudioCaptureEnvironment::standard()](std::int64_t rate) {
+          return startAudioCapture(rate, environment);
+      }, appLogger()) {}
 
 OrvelMessageHandler::OrvelMessageHandler(CaptureStart startCapture, net::Logger logger,
                                          std::chrono::nanoseconds configurationTimeout)
