@@ -92,6 +92,7 @@ async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::Asy
     auto configuration = decodeConfiguration(co_await firstMessage(incoming, configurationTimeout));
     if (!configuration) {
         logger->logError("Could not parse configuration, closing WebSocket connection.");
+        outgoing.yield(WSMessage::close(1007, "Invalid configuration"));
         outgoing.finish();
         co_return;
     }
@@ -141,6 +142,7 @@ async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::Asy
                 return "Audio capture failed prematurely (" + async::describe(failure) + "), closing WebSocket connection.";
             });
         }
+        outgoing.yield(WSMessage::close(1011, "Audio capture failed"));
     }
     outgoing.finish();
     count.decrement();
