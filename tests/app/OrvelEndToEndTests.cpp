@@ -28,6 +28,18 @@ using namespace std::chrono_literals;
     return ::testing::AssertionSuccess();
 }
 
+// The payload of a close frame: status code (big-endian), then the reason.
+std::string closePayload(int code, const std::string& reason) {
+    return std::string{static_cast<char>(code >> 8), static_cast<char>(code & 0xFF)} + reason;
+}
+
+// What a page gets last, reading until the connection ends.
+std::optional<test::WebSocketClient::Message> lastMessage(test::WebSocketClient& page) {
+    std::optional<test::WebSocketClient::Message> last;
+    while (auto message = page.receive()) last = std::move(message);
+    return last;
+}
+
 const std::string getVersion = "GET /version HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
 
 class OrvelEndToEnd : public ::testing::Test {
@@ -197,6 +209,14 @@ TEST_F(OrvelEndToEnd, WithoutASoundServerTheCaptureFailureIsLoggedAndTheServerGo
     test::WebSocketClient page("http://localhost");
     page.sendText(R"({"type":"loopback","sample_rate":48000})");
     EXPECT_TRUE(orvel->waitForLine("error: Audio capture failed prematurely ("));
+    const auto last = lastMessage(page);
+    ASSERT_TRUE(last);
+    EXPECT_EQ(last->payload, closePayload(1011, "Audio capture failed"));
+    test::WebSocketClient invalid("http://localhost");
+    invalid.sendText(R"({"type":"loopback"})");
+    const auto refused = lastMessage(invalid);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->payload, closePayload(1007, "Invalid configuration"));
     EXPECT_TRUE(orvel->waitForLine("Streaming connections: 0."));
     EXPECT_EQ(test::httpExchange(getVersion).statusLine, "HTTP/1.1 200 OK");
     orvel->signal(SIGINT);  // the quit path too
@@ -337,6 +357,53 @@ TEST_F(OrvelEndToEnd, TheTrayShowsNameVersionAndStreamingPagesAndQuitTerminates)
     EXPECT_TRUE(ranTerminationSteps(orvel->output()));
     EXPECT_THAT(orvel->output(), Not(HasSubstr("running headless")));
     EXPECT_THAT(orvel->output(), Not(HasSubstr("No tray host")));
+}
+
+// What the desktop does to the sound server while a page streams, on PulseAudio and PipeWire: the
+// default output switched to another sink playing another tone, the server killed and started
+// again after 2 s, then killed for good.
+class OrvelThroughDesktopChanges : public OrvelEndToEnd, public ::testing::WithParamInterface<test::SoundServer::Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Servers, OrvelThroughDesktopChanges, ::testing::ValuesIn(test::soundServerKinds),
+                         test::soundServerName<::testing::TestParamInfo<test::SoundServer::Kind>>);
+
+TEST_P(OrvelThroughDesktopChanges, FollowsTheDefaultOutputRidesOutARestartAndFailsOnlyWhenTheServerStaysAway) {
+    test::SoundServer server(GetParam());
+    test::TestSignals signals;
+    const auto tone = signals.sine(1000, 0.5, 30);
+    auto orvel = start({{"PULSE_SERVER", server.server()}});
+    test::WebSocketClient page("http://localhost");
+    page.sendText(R"({"type":"loopback","sample_rate":16000})");
+    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
+    const auto messages = [&](int count) {
+        std::vector<std::uint8_t> received;
+        for (int i = 0; i < count; ++i) {
+            auto message = page.receive();
+            if (!message || message->opcode != 2) return std::optional<std::vector<std::uint8_t>>();
+            received.insert(received.end(), message->payload.begin(), message->payload.end());
+        }
+        return std::optional(received);
+    };
+    ASSERT_TRUE(messages(5));
+    server.addSink("orvel_second");  // now the default
+    auto player = server.play(tone, "orvel_second");
+    const auto afterSwitch = messages(30);
+    ASSERT_TRUE(afterSwitch) << "the stream ended at the switch\n" << orvel->output();
+    const auto match = test::findWindow(test::int16ToFloats(*afterSwitch), signals.samples(tone, 16000), 1600);
+    EXPECT_GT(match.correlation, 0.95) << "the new default's tone is not in the stream";
+
+    player.reset();
+    server.stop(SIGKILL);
+    std::this_thread::sleep_for(2s);
+    server.start();
+    EXPECT_TRUE(messages(50)) << "the stream did not go on after the restart\n" << orvel->output();
+
+    server.stop(SIGKILL);
+    const auto last = lastMessage(page);
+    ASSERT_TRUE(last);
+    EXPECT_EQ(last->payload, closePayload(1011, "Audio capture failed"));
+    EXPECT_TRUE(orvel->waitForLine("error: Audio capture failed prematurely ("));
+    EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
 }
 
 // Counts what arrives until 2.5 s of audio are in, then closes.
