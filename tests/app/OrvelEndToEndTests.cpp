@@ -180,6 +180,11 @@ TEST_F(OrvelEndToEnd, QuittingWhileThreePagesStreamEndsCleanlyWithBothTerminatio
         for (auto& page : pages) ASSERT_TRUE(page.receive()) << "round " << round << "\n" << orvel->output();
         EXPECT_EQ(orvel->terminate(), 0) << "round " << round << "\n" << orvel->output();
         EXPECT_TRUE(ranTerminationSteps(orvel->output())) << "round " << round;
+        for (auto& page : pages) {
+            const auto last = lastMessage(page);
+            ASSERT_TRUE(last) << "round " << round;
+            EXPECT_EQ(last->payload, closePayload(1001, "Going away")) << "round " << round;
+        }
     }
 }
 
