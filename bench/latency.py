@@ -11,9 +11,12 @@ the time its message arrived (Orvel) or its bytes arrived (parec), minus the tim
 Both paths share the player's own buffering, so the difference between them is Orvel's share,
 most of it the wait for the click's 100 ms message to fill (0 to 100 ms, by where it lands).
 
-Usage: bench/latency.py [--orvel build/orvel] [--seconds 40]
-Needs port 8505 free, pulseaudio, pacat and parec (scripts/setup installs them). Every process it
-starts is stopped by its PID.
+With --server pipewire the sound server is PipeWire (pipewire, wireplumber and pipewire-pulse on
+a session bus of their own) instead of PulseAudio; the client side is the same.
+
+Usage: bench/latency.py [--orvel build/orvel] [--seconds 40] [--server pulseaudio|pipewire]
+Needs port 8505 free, pulseaudio or the PipeWire set, pacat and parec (scripts/setup installs
+them). Every process it starts is stopped by its PID.
 """
 
 import argparse
@@ -220,6 +223,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--orvel", default=os.path.join(here, "build", "orvel"))
     parser.add_argument("--seconds", type=float, default=40.0)
+    parser.add_argument("--server", choices=("pulseaudio", "pipewire"), default="pulseaudio")
     args = parser.parse_args()
     if not os.access(args.orvel, os.X_OK):
         sys.exit(f"latency: {args.orvel} is not built")
@@ -234,17 +238,45 @@ def main():
     env["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
     children = []
     pulse_pid = None
+    bus_pid = None
+    servers = []
     stop = threading.Event()
     go = threading.Event()
     player_stop = threading.Event()
     try:
-        subprocess.run(
-            ["pulseaudio", "--daemonize=yes", "--exit-idle-time=-1", "-n", "--load=module-native-protocol-unix",
-             "--load=module-null-sink sink_name=latency sink_properties=device.description=Latency",
-             f"--log-target=file:{folder}/pulseaudio.log"],
-            env=env, check=True)
-        with open(os.path.join(runtime, "pulse", "pid")) as f:
-            pulse_pid = int(f.read())
+        if args.server == "pulseaudio":
+            subprocess.run(
+                ["pulseaudio", "--daemonize=yes", "--exit-idle-time=-1", "-n", "--load=module-native-protocol-unix",
+                 "--load=module-null-sink sink_name=latency sink_properties=device.description=Latency",
+                 f"--log-target=file:{folder}/pulseaudio.log"],
+                env=env, check=True)
+            with open(os.path.join(runtime, "pulse", "pid")) as f:
+                pulse_pid = int(f.read())
+        else:
+            env["HOME"] = folder
+            bus = subprocess.run(["dbus-daemon", "--session", "--fork", "--print-pid=1",
+                                  f"--address=unix:path={folder}/bus"], env=env, check=True, capture_output=True, text=True)
+            bus_pid = int(bus.stdout.split()[0])
+            env["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={folder}/bus"
+            for program in ("pipewire", "wireplumber", "pipewire-pulse"):
+                log = open(os.path.join(folder, program + ".log"), "w")
+                servers.append(subprocess.Popen([program], env=env, stdout=log, stderr=log))
+                deadline = time.monotonic() + 30
+                while program == "pipewire" and not os.path.exists(os.path.join(runtime, "pipewire-0")):
+                    if time.monotonic() > deadline:
+                        raise RuntimeError("pipewire did not start")
+                    time.sleep(0.05)
+            deadline = time.monotonic() + 30
+            while subprocess.run(["pactl", "info"], env=env, capture_output=True).returncode != 0:
+                if time.monotonic() > deadline:
+                    raise RuntimeError("pipewire-pulse did not answer")
+                time.sleep(0.1)
+            subprocess.run(["pactl", "load-module", "module-null-sink", "sink_name=latency"], env=env, check=True,
+                           capture_output=True)
+            while subprocess.run(["pactl", "set-default-sink", "latency"], env=env, capture_output=True).returncode != 0:
+                if time.monotonic() > deadline:
+                    raise RuntimeError("the session manager did not take the default sink")
+                time.sleep(0.1)
 
         # An idle null sink renders in 2 s bursts; a silent stream of its own keeps it rendering
         # in small steps, as a real sound card does.
@@ -303,7 +335,7 @@ def main():
         sock.close()
 
         load = os.getloadavg()[0]
-        print(f"clicks played {len(clicks.due)}; found by orvel {len(ours)}, by parec {len(reference)}; "
+        print(f"server {args.server}; clicks played {len(clicks.due)}; found by orvel {len(ours)}, by parec {len(reference)}; "
               f"message sizes {counts}; load average {load:.1f}")
         for name, values in (("orvel (WebSocket message)", ours), ("parec (reference)", reference)):
             ms = [v * 1000 for v in values]
@@ -328,11 +360,15 @@ def main():
                     child.kill()
                     child.wait()
         player_stop.set()
-        if pulse_pid:
-            try:
-                os.kill(pulse_pid, signal.SIGTERM)
-            except ProcessLookupError:
-                pass
+        for server in reversed(servers):
+            server.terminate()
+            server.wait()
+        for pid in (pulse_pid, bus_pid):
+            if pid:
+                try:
+                    os.kill(pid, signal.SIGTERM)
+                except ProcessLookupError:
+                    pass
         shutil.rmtree(folder, ignore_errors=True)
 
 

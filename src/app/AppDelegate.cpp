@@ -3,6 +3,7 @@
 #include "app/AppLogger.h"
 #include "app/RunningInstance.h"
 #include "app/VersionRoute.h"
+#include "app/OrvelMessageHandler.h"
 #include "app/WebSocketRoute.h"
 #include "async/Error.h"
 #include "net/SocketAddress.h"
@@ -82,6 +83,9 @@ AppDelegate::~AppDelegate() {
     {
         std::lock_guard guard(lock_);
         terminating_ = true;
+        // Pages are told the server goes away; the stop gives their connections a moment to
+        // send that close before it cancels them.
+        if (messages_) messages_->goAway();
         if (server_ && !stopTask_) stopTask_ = async::spawn(stopServer(server_));
     }
     waitUntilStopped();
@@ -139,12 +143,16 @@ async::Task<void> AppDelegate::runServer(AppDelegate* self, std::optional<std::s
         server->appendRoute("GET /version", [version, automaticUpdates](http::HTTPRequest request) {
             return handleVersionRoute(std::move(request), version, automaticUpdates);
         });
-        server->appendRoute("*", [](http::HTTPRequest request) { return handleWebSocketRoute(std::move(request)); });
+        auto messages = std::make_shared<OrvelMessageHandler>();
+        server->appendRoute("*", [messages, logger](http::HTTPRequest request) {
+            return handleWebSocketRoute(std::move(request), messages, logger);
+        });
         {
             std::lock_guard guard(self->lock_);
             // Termination came first: there is nothing to stop, so do not start.
             if (self->terminating_) co_return;
             self->server_ = server;
+            self->messages_ = messages;
         }
         co_await server->run();
         co_return;
@@ -162,7 +170,7 @@ async::Task<void> AppDelegate::runServer(AppDelegate* self, std::optional<std::s
     self->environment_.terminate();
 }
 
-async::Task<void> AppDelegate::stopServer(std::shared_ptr<http::HTTPServer> server) { co_await server->stop(0); }
+async::Task<void> AppDelegate::stopServer(std::shared_ptr<http::HTTPServer> server) { co_await server->stop(closeGrace); }
 
 void AppDelegate::applicationWillTerminate() {
     const auto& logger = environment_.logger;
@@ -170,6 +178,9 @@ void AppDelegate::applicationWillTerminate() {
     {
         std::lock_guard guard(lock_);
         terminating_ = true;
+        // Pages are told the server goes away; the stop gives their connections a moment to
+        // send that close before it cancels them.
+        if (messages_) messages_->goAway();
         if (server_ && !stopTask_) stopTask_ = async::spawn(stopServer(server_));
     }
     logger->logInfo("Shut down WebSocket server.");

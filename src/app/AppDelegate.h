@@ -19,6 +19,8 @@
 
 namespace orvel {
 
+class OrvelMessageHandler;
+
 // The application's launch and termination steps: the login item, the server on
 // 127.0.0.1:8505 with "GET /version" and the streaming route "*", and its stop. Launch and
 // termination run on the main thread; the server runs in a task of its own, which asks the
@@ -36,6 +38,7 @@ public:
     static constexpr const char* serverAddress = "127.0.0.1";
     static constexpr std::uint16_t serverPort = 8505;
     static constexpr double handlerTimeout = 15.0;  // seconds for one handler call
+    static constexpr double closeGrace = 1.0;  // seconds for open connections to close at the end
 
     struct Environment {
         Bundle bundle;
@@ -133,6 +136,7 @@ private:
     Environment environment_;
     std::mutex lock_;
     std::shared_ptr<http::HTTPServer> server_;
+    std::shared_ptr<OrvelMessageHandler> messages_;
     bool terminating_ = false;
     std::optional<async::TaskHandle<void>> serverTask_;
     std::optional<async::TaskHandle<void>> stopTask_;

@@ -10,6 +10,8 @@
 #include "async/TaskGroup.h"
 
 #include <exception>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -63,12 +65,41 @@ async::Task<void> dropMessages(async::AsyncStream<WSMessage> incoming) {
 
 }  // namespace
 
+// The outgoing messages of the connections that are open, for goAway.
+struct OrvelMessageHandler::Connections {
+    using Outgoing = async::AsyncStream<WSMessage>::Continuation;
+    std::mutex mutex;
+    bool goingAway = false;
+    std::uint64_t nextId = 0;
+    std::map<std::uint64_t, Outgoing> open;
+};
+
+// One capture service for all connections: one sound-server connection for the whole app.
 OrvelMessageHandler::OrvelMessageHandler()
-    : OrvelMessageHandler([](std::int64_t rate) { return startAudioCapture(rate); }, appLogger()) {}
+    : OrvelMessageHandler([environment = AudioCaptureEnvironment::standard()](std::int64_t rate) {
+          return startAudioCapture(rate, environment);
+      }, appLogger()) {}
 
 OrvelMessageHandler::OrvelMessageHandler(CaptureStart startCapture, net::Logger logger,
                                          std::chrono::nanoseconds configurationTimeout)
-    : startCapture_(std::move(startCapture)), logger_(std::move(logger)), configurationTimeout_(configurationTimeout) {}
+    : connections_(std::make_shared<Connections>()),
+      startCapture_(std::move(startCapture)),
+      logger_(std::move(logger)),
+      configurationTimeout_(configurationTimeout) {}
+
+void OrvelMessageHandler::goAway() {
+    std::map<std::uint64_t, Connections::Outgoing> open;
+    {
+        std::lock_guard lock(connections_->mutex);
+        connections_->goingAway = true;
+        open.swap(connections_->open);
+    }
+    // The close goes after whatever the stream has yielded; what it yields later is dropped.
+    for (auto& [id, outgoing] : open) {
+        outgoing.yield(WSMessage::close(1001, "Going away"));
+        outgoing.finish();
+    }
+}
 
 async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(async::AsyncStream<WSMessage> incoming) {
     return makeMessages(std::move(incoming), nullptr);
@@ -77,9 +108,28 @@ async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(asy
 async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(async::AsyncStream<WSMessage> incoming,
                                                                              SetSendBudget setSendBudget) {
     auto [messages, continuation] = async::AsyncStream<WSMessage>::make();
+    std::uint64_t id = 0;
+    bool goingAway = false;
+    {
+        std::lock_guard lock(connections_->mutex);
+        goingAway = connections_->goingAway;
+        id = connections_->nextId++;
+        if (!goingAway) connections_->open.emplace(id, continuation);
+    }
+    if (goingAway) {
+        continuation.yield(WSMessage::close(1001, "Going away"));
+        continuation.finish();
+        co_return std::move(messages);
+    }
     auto task = async::spawn(streamAudio(std::move(incoming), continuation, startCapture_, logger_,
                                          configurationTimeout_, std::move(setSendBudget)));
-    continuation.onTermination([task](async::Termination) { task.cancel(); });
+    continuation.onTermination([task, id, connections = std::weak_ptr(connections_)](async::Termination) {
+        task.cancel();
+        if (auto list = connections.lock()) {
+            std::lock_guard lock(list->mutex);
+            list->open.erase(id);
+        }
+    });
     co_return std::move(messages);
 }
 
@@ -89,6 +139,7 @@ async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::Asy
     auto configuration = decodeConfiguration(co_await firstMessage(incoming, configurationTimeout));
     if (!configuration) {
         logger->logError("Could not parse configuration, closing WebSocket connection.");
+        outgoing.yield(WSMessage::close(1007, "Invalid configuration"));
         outgoing.finish();
         co_return;
     }
@@ -138,6 +189,7 @@ async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::Asy
                 return "Audio capture failed prematurely (" + async::describe(failure) + "), closing WebSocket connection.";
             });
         }
+        outgoing.yield(WSMessage::close(1011, "Audio capture failed"));
     }
     outgoing.finish();
     count.decrement();

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 
 namespace orvel {
 
@@ -37,7 +38,14 @@ public:
     async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage> incoming,
                                                                   SetSendBudget setSendBudget) override;
 
+    // The server is shutting down: every connection's messages end with close 1001 "Going away",
+    // and so do those of connections made from now on. Any thread.
+    void goAway();
+
+    struct Connections;
+
 private:
+    std::shared_ptr<Connections> connections_;
     CaptureStart startCapture_;
     net::Logger logger_;
     std::chrono::nanoseconds configurationTimeout_;

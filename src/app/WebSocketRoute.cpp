@@ -60,12 +60,6 @@ bool isAllowedOrigin(std::string_view origin) noexcept {
            std::all_of(rest.begin(), rest.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-async::Task<http::HTTPResponse> handleWebSocketRoute(http::HTTPRequest request) {
-    // One handler for every connection: it holds no per-connection state.
-    static const auto messageHandler = std::make_shared<OrvelMessageHandler>();
-    return handleWebSocketRoute(std::move(request), messageHandler, appLogger());
-}
-
 async::Task<http::HTTPResponse> handleWebSocketRoute(http::HTTPRequest request,
                                                      std::shared_ptr<http::WSMessageHandler> messageHandler,
                                                      net::Logger logger) {

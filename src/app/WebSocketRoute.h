@@ -21,8 +21,7 @@ bool isAllowedOrigin(std::string_view origin) noexcept;
 // The catch-all route: 403 with no headers and an empty body (and a log line) for a connection
 // whose socket belongs to another user (or whose owner cannot be found), then for a missing or
 // foreign origin; otherwise the WebSocket handshake around OrvelMessageHandler with frames of at most
-// 16384 bytes. The second form takes the message handler and the log, for tests.
-async::Task<http::HTTPResponse> handleWebSocketRoute(http::HTTPRequest request);
+// 16384 bytes, with the application's message handler (one for every connection) and log.
 async::Task<http::HTTPResponse> handleWebSocketRoute(http::HTTPRequest request,
                                                      std::shared_ptr<http::WSMessageHandler> messageHandler,
                                                      net::Logger logger);

@@ -8,7 +8,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <string_view>
 #include <cerrno>
 #include <condition_variable>
 #include <mutex>
@@ -55,6 +58,16 @@ pa_sample_spec sampleFormatOf(const StreamConfiguration& configuration) {
             static_cast<std::uint8_t>(configuration.channelCount)};
 }
 
+// What is recorded: a mono capture takes two channels and averages them itself. Asked for one
+// channel, PipeWire sums a stereo monitor (+3 dB on a centred signal) where PulseAudio averages.
+pa_sample_spec recordFormatOf(const StreamConfiguration& configuration) {
+    pa_sample_spec format = sampleFormatOf(configuration);
+    if (format.channels == 1) format.channels = 2;
+    return format;
+}
+
+using Clock = std::chrono::steady_clock;
+
 // Captures whose clean-up runs on a thread of its own, so that the end of the process can wait
 // for them. Never destroyed: such a clean-up may still be finishing during static destruction.
 class BackgroundShutdowns {
@@ -84,242 +97,461 @@ private:
 
 }  // namespace
 
-// Everything the libpulse thread touches. Callbacks get a raw pointer: the Core outlives the
-// thread, because shutdown() joins it before the last owner lets go.
+enum class CaptureState {
+    created,    // startCapture not called yet
+    starting,   // the first record stream is being made; the start's completion is pending
+    running,    // samples flow
+    bridging,   // the record stream or the server was lost: silence by the clock until it is back
+    ended,      // stopped or failed; no callback any more
+};
+
+// One capture on a connection. Everything but stopRequested is touched on the libpulse thread or
+// under the main loop's lock only; the connection keeps its captures alive while it may call them.
 struct PulseAudioCapture::Core {
-    Options options;
     StreamConfiguration configuration;
     std::shared_ptr<StreamDelegate> delegate;
     std::vector<std::shared_ptr<StreamOutput>> audioOutputs;
     std::vector<std::shared_ptr<StreamOutput>> screenOutputs;  // kept as given, never called
-
-    // Read by stopCapture and by the thread between buffers; the thread does the disconnecting.
     std::atomic<bool> stopRequested{false};
-    EventDescriptor wake;
 
-    // Set up on the starting thread before the libpulse thread runs; afterwards only touched
-    // under the main loop's lock (which every callback holds).
-    bool started = false;
-    pa_threaded_mainloop* mainloop = nullptr;
-    pa_context* context = nullptr;
+    CaptureState state = CaptureState::created;
+    std::function<void(std::exception_ptr)> completion;  // while starting
     pa_stream* stream = nullptr;
-    pa_io_event* wakeEvent = nullptr;
-    std::function<void(std::exception_ptr)> completion;  // until the start has an outcome
-    bool running = false;
-    bool closed = false;
-    AudioStreamDescription description;
+    Connection* connection = nullptr;
+    std::vector<float> pending;  // converted samples not yet handed on
+    Clock::time_point gapSince;  // bridging: when the samples stopped
+    std::size_t gapFilled = 0;   // frames of silence put in since then
+    Clock::time_point lastOpen;
 
-    static void contextStateChanged(pa_context* context, void* userdata);
-    static void streamStateChanged(pa_stream* stream, void* userdata);
-    static void readable(pa_stream* stream, std::size_t bytes, void* userdata);
-    static void woken(pa_mainloop_api* api, pa_io_event* event, int fd, pa_io_event_flags_t flags, void* userdata);
-
-    void connectStream();
-    void fail(std::string_view operation, int code);
-    void finishStart(std::exception_ptr error);
-    void closeConnection();
-    void releaseLocked();
-    void shutdown();
+    std::size_t batchFrames() const;
+    void append(const float* samples, std::size_t frames, std::size_t recordedChannels);
+    void appendSilence(std::size_t frames);
+    void deliver();
+    void fillGap(Clock::time_point now);
 };
 
-void PulseAudioCapture::Core::contextStateChanged(pa_context* context, void* userdata) {
-    auto& core = *static_cast<Core*>(userdata);
+struct PulseAudioCapture::Connection {
+    Options options;
+    EventDescriptor wake;
+
+    std::mutex threadMutex;  // guards the making of the main loop
+    pa_threaded_mainloop* mainloop = nullptr;
+
+    // Under the main loop's lock.
+    pa_context* context = nullptr;
+    pa_io_event* wakeEvent = nullptr;
+    pa_time_event* tick = nullptr;
+    std::vector<std::shared_ptr<Core>> captures;
+    Clock::time_point downSince;
+    Clock::time_point lastAttempt;
+    int downCode = PA_ERR_CONNECTIONTERMINATED;
+
+    explicit Connection(Options options) : options(std::move(options)) {}
+    ~Connection() { shutdown(); }
+
+    bool ensureThread();
+    bool connect(int& code);  // false, with the error's code, when the server cannot be reached now
+    void openStream(Core& core);
+    void closeStream(Core& core);
+    void end(Core& core, std::exception_ptr error);
+    void lose(Core& core, int code);
+    void sweep();
+    void armTick();
+    void followDefault();
+    void shutdown();
+
+    static void contextStateChanged(pa_context* context, void* userdata);
+    static void serverChanged(pa_context* context, pa_subscription_event_type_t type, std::uint32_t, void* userdata);
+    static void serverInfo(pa_context* context, const pa_server_info* info, void* userdata);
+    static void sinkInfo(pa_context* context, const pa_sink_info* info, int last, void* userdata);
+    static void streamStateChanged(pa_stream* stream, void* userdata);
+    static void readable(pa_stream* stream, std::size_t bytes, void* userdata);
+    static void woken(pa_mainloop_api*, pa_io_event*, int, pa_io_event_flags_t, void* userdata);
+    static void ticked(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata);
+};
+
+std::size_t PulseAudioCapture::Core::batchFrames() const {
+    const auto milliseconds = connection->options.batch.count();
+    return std::max<std::size_t>(1, static_cast<std::size_t>(configuration.sampleRate * milliseconds / 1000));
+}
+
+void PulseAudioCapture::Core::append(const float* samples, std::size_t frames, std::size_t recordedChannels) {
+    const std::size_t channels = configuration.channelCount;
+    if (recordedChannels == channels) {
+        pending.insert(pending.end(), samples, samples + frames * channels);
+        return;
+    }
+    const std::size_t at = pending.size();
+    pending.resize(at + frames);
+    for (std::size_t i = 0; i < frames; ++i) pending[at + i] = 0.5f * (samples[2 * i] + samples[2 * i + 1]);
+}
+
+void PulseAudioCapture::Core::appendSilence(std::size_t frames) {
+    pending.resize(pending.size() + frames * configuration.channelCount, 0.0f);
+}
+
+// Hands on whole batches and keeps the rest, so every hand-on is a message's worth.
+void PulseAudioCapture::Core::deliver() {
+    const std::size_t channels = configuration.channelCount;
+    const std::size_t batch = batchFrames() * channels;
+    const std::size_t ready = pending.size() / batch * batch;
+    if (ready == 0 || stopRequested.load(std::memory_order_acquire)) return;
+    const SampleBuffer buffer{true, AudioStreamDescription{static_cast<double>(configuration.sampleRate),
+                                                           configuration.channelCount},
+                              std::as_bytes(std::span(pending.data(), ready))};
+    for (const auto& output : audioOutputs) output->didOutputSampleBuffer(buffer, StreamOutputType::audio);
+    pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(ready));
+}
+
+void PulseAudioCapture::Core::fillGap(Clock::time_point now) {
+    const auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(now - gapSince).count();
+    const auto due = static_cast<std::size_t>(elapsed * configuration.sampleRate / 1000000);
+    if (due > gapFilled) appendSilence(due - gapFilled);
+    gapFilled = std::max(gapFilled, due);
+    deliver();
+}
+
+bool PulseAudioCapture::Connection::ensureThread() {
+    std::lock_guard lock(threadMutex);
+    if (mainloop != nullptr) return true;
+    if (wake.get() < 0) return false;
+    mainloop = pa_threaded_mainloop_new();
+    if (mainloop == nullptr) return false;
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    wakeEvent = api->io_new(api, wake.get(), PA_IO_EVENT_INPUT, &Connection::woken, this);
+    if (pa_threaded_mainloop_start(mainloop) < 0) {
+        api->io_free(std::exchange(wakeEvent, nullptr));
+        pa_threaded_mainloop_free(std::exchange(mainloop, nullptr));
+        return false;
+    }
+    return true;
+}
+
+// Under the lock. With no server socket pa_context_connect fails right here and no state
+// callback follows, so a caller hears of it at once.
+bool PulseAudioCapture::Connection::connect(int& code) {
+    lastAttempt = Clock::now();
+    if (context != nullptr) {
+        const auto state = pa_context_get_state(context);
+        if (PA_CONTEXT_IS_GOOD(state)) return true;
+        pa_context_set_state_callback(context, nullptr, nullptr);
+        pa_context_set_subscribe_callback(context, nullptr, nullptr);
+        pa_context_unref(std::exchange(context, nullptr));
+    }
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    context = pa_context_new(api, options.applicationName.c_str());
+    if (context == nullptr) {
+        code = PA_ERR_INTERNAL;
+        return false;
+    }
+    pa_context_set_state_callback(context, &Connection::contextStateChanged, this);
+    pa_context_set_subscribe_callback(context, &Connection::serverChanged, this);
+    const char* server = options.server.empty() ? nullptr : options.server.c_str();
+    if (pa_context_connect(context, server, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        code = pa_context_errno(context);
+        pa_context_set_state_callback(context, nullptr, nullptr);
+        pa_context_set_subscribe_callback(context, nullptr, nullptr);
+        pa_context_unref(std::exchange(context, nullptr));
+        return false;
+    }
+    return true;
+}
+
+void PulseAudioCapture::Connection::openStream(Core& core) {
+    core.lastOpen = Clock::now();
+    const pa_sample_spec format = recordFormatOf(core.configuration);
+    core.stream = pa_stream_new(context, "Loopback capture", &format, nullptr);
+    if (core.stream == nullptr) {
+        lose(core, pa_context_errno(context));
+        return;
+    }
+    pa_stream_set_state_callback(core.stream, &Connection::streamStateChanged, &core);
+    pa_stream_set_read_callback(core.stream, &Connection::readable, &core);
+    pa_buffer_attr attributes;
+    attributes.maxlength = attributes.tlength = attributes.prebuf = attributes.minreq = static_cast<std::uint32_t>(-1);
+    const auto fragment = std::chrono::duration_cast<std::chrono::microseconds>(options.fragment);
+    attributes.fragsize = static_cast<std::uint32_t>(pa_usec_to_bytes(fragment.count(), &format));
+    // Without ADJUST_LATENCY the fragment size is only a transport size and the server keeps
+    // its own 2 s latency.
+    if (pa_stream_connect_record(core.stream, options.device.c_str(), &attributes, PA_STREAM_ADJUST_LATENCY) < 0)
+        lose(core, pa_context_errno(context));
+}
+
+// Stops every callback of the capture's record stream and lets the server drop it.
+void PulseAudioCapture::Connection::closeStream(Core& core) {
+    if (core.stream == nullptr) return;
+    pa_stream_set_read_callback(core.stream, nullptr, nullptr);
+    pa_stream_set_state_callback(core.stream, nullptr, nullptr);
+    if (pa_stream_get_state(core.stream) == PA_STREAM_READY) pa_stream_disconnect(core.stream);
+    pa_stream_unref(std::exchange(core.stream, nullptr));
+}
+
+// Ends a capture: a pending start gets `error`, a running capture's delegate hears of it unless
+// it was asked to stop. The capture leaves the list on the next sweep.
+void PulseAudioCapture::Connection::end(Core& core, std::exception_ptr error) {
+    if (core.state == CaptureState::ended) return;
+    closeStream(core);
+    const CaptureState was = std::exchange(core.state, CaptureState::ended);
+    if (was == CaptureState::starting) {
+        std::exchange(core.completion, nullptr)(error ? error : pulseError("Start", PA_ERR_CONNECTIONTERMINATED));
+    } else if (error && !core.stopRequested.load(std::memory_order_acquire)) {
+        core.delegate->didStopWithError(error);
+    }
+}
+
+// The record stream is gone (its source, or the whole server). A start fails; a running capture
+// bridges the gap with silence while the stream is made again.
+void PulseAudioCapture::Connection::lose(Core& core, int code) {
+    closeStream(core);
+    if (core.state == CaptureState::starting) {
+        end(core, pulseError("Record", code));
+    } else if (core.state == CaptureState::running) {
+        core.state = CaptureState::bridging;
+        core.gapSince = Clock::now();
+        core.gapFilled = 0;
+        downCode = code;
+        armTick();
+    }
+}
+
+// Drops ended and stopped captures, gives up on gaps that outlasted the window, and makes
+// record streams again where the server is there.
+void PulseAudioCapture::Connection::sweep() {
+    const auto now = Clock::now();
+    const bool ready = context != nullptr && pa_context_get_state(context) == PA_CONTEXT_READY;
+    bool bridging = false;
+    for (auto& core : captures) {
+        if (core->stopRequested.load(std::memory_order_acquire)) end(*core, nullptr);
+        if (core->state != CaptureState::bridging) continue;
+        if (now - core->gapSince >= options.reconnectWindow) {
+            end(*core, pulseError("Capture", downCode));
+            continue;
+        }
+        core->fillGap(now);
+        bridging = true;
+        if (ready && core->stream == nullptr && now - core->lastOpen >= std::chrono::milliseconds(500)) openStream(*core);
+    }
+    std::erase_if(captures, [](const auto& core) { return core->state == CaptureState::ended; });
+    int ignored = 0;  // the capture fails with the loss, not with a refused reconnect
+    if (bridging && !ready && now - lastAttempt >= std::chrono::milliseconds(500)) connect(ignored);
+    if (bridging) armTick();
+}
+
+void PulseAudioCapture::Connection::armTick() {
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    struct timeval when;
+    pa_timeval_add(pa_gettimeofday(&when), 100 * PA_USEC_PER_MSEC);
+    if (tick == nullptr) {
+        tick = api->time_new(api, &when, &Connection::ticked, this);
+    } else {
+        api->time_restart(tick, &when);
+    }
+}
+
+// PipeWire leaves a record stream on the old monitor when the default sink changes, so the
+// capture moves its streams itself; PulseAudio has moved them already and this changes nothing.
+void PulseAudioCapture::Connection::followDefault() {
+    if (options.device != "@DEFAULT_MONITOR@") return;
+    if (pa_operation* operation = pa_context_get_server_info(context, &Connection::serverInfo, this))
+        pa_operation_unref(operation);
+}
+
+void PulseAudioCapture::Connection::serverInfo(pa_context* context, const pa_server_info* info, void* userdata) {
+    if (info == nullptr || info->default_sink_name == nullptr) return;
+    if (pa_operation* operation =
+            pa_context_get_sink_info_by_name(context, info->default_sink_name, &Connection::sinkInfo, userdata))
+        pa_operation_unref(operation);
+}
+
+void PulseAudioCapture::Connection::sinkInfo(pa_context* context, const pa_sink_info* info, int last, void* userdata) {
+    if (last != 0 || info == nullptr || info->monitor_source_name == nullptr) return;
+    auto& connection = *static_cast<Connection*>(userdata);
+    for (auto& core : connection.captures) {
+        if (core->stream == nullptr || pa_stream_get_state(core->stream) != PA_STREAM_READY) continue;
+        const char* device = pa_stream_get_device_name(core->stream);
+        if (device != nullptr && std::string_view(device) == info->monitor_source_name) continue;
+        if (pa_operation* operation = pa_context_move_source_output_by_name(
+                context, pa_stream_get_index(core->stream), info->monitor_source_name, nullptr, nullptr))
+            pa_operation_unref(operation);
+    }
+}
+
+void PulseAudioCapture::Connection::serverChanged(pa_context*, pa_subscription_event_type_t type, std::uint32_t,
+                                                  void* userdata) {
+    if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SERVER)
+        static_cast<Connection*>(userdata)->followDefault();
+}
+
+void PulseAudioCapture::Connection::contextStateChanged(pa_context* context, void* userdata) {
+    auto& connection = *static_cast<Connection*>(userdata);
     switch (pa_context_get_state(context)) {
     case PA_CONTEXT_READY:
-        core.connectStream();
+        if (pa_operation* operation = pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr))
+            pa_operation_unref(operation);
+        for (auto& core : connection.captures) {
+            if (core->stream == nullptr && (core->state == CaptureState::starting || core->state == CaptureState::bridging))
+                connection.openStream(*core);
+        }
+        connection.followDefault();  // the default may have changed while we were away
         break;
     case PA_CONTEXT_FAILED:
-    case PA_CONTEXT_TERMINATED:
-        core.fail(core.completion ? "Connect" : "Capture", pa_context_errno(context));
+    case PA_CONTEXT_TERMINATED: {
+        const int code = pa_context_errno(context);
+        connection.downSince = Clock::now();
+        for (auto& core : connection.captures) {
+            if (core->state == CaptureState::starting) {
+                connection.end(*core, pulseError(core->stream == nullptr ? "Connect" : "Record", code));
+            } else {
+                connection.lose(*core, code);
+            }
+        }
+        connection.armTick();  // reconnecting is for later: this context is still in its own callback
         break;
+    }
     default:
         break;
     }
 }
 
-void PulseAudioCapture::Core::streamStateChanged(pa_stream* stream, void* userdata) {
+void PulseAudioCapture::Connection::streamStateChanged(pa_stream* stream, void* userdata) {
     auto& core = *static_cast<Core*>(userdata);
+    Connection& connection = *core.connection;
     switch (pa_stream_get_state(stream)) {
-    case PA_STREAM_READY: {
-        const pa_sample_spec* sampleFormat = pa_stream_get_sample_spec(stream);
-        core.description = {static_cast<double>(sampleFormat->rate), sampleFormat->channels};
-        core.running = true;
-        core.finishStart(nullptr);
+    case PA_STREAM_READY:
+        if (core.state == CaptureState::starting) {
+            core.state = CaptureState::running;
+            std::exchange(core.completion, nullptr)(nullptr);
+        }
         break;
-    }
     case PA_STREAM_FAILED:
     case PA_STREAM_TERMINATED:
         // A stream the server kills (its source went away) ends here too, as PA_ERR_KILLED.
-        core.fail("Record", pa_context_errno(core.context));
+        connection.lose(core, pa_context_errno(connection.context));
         break;
     default:
         break;
     }
 }
 
-void PulseAudioCapture::Core::readable(pa_stream* stream, std::size_t, void* userdata) {
+void PulseAudioCapture::Connection::readable(pa_stream* stream, std::size_t, void* userdata) {
     auto& core = *static_cast<Core*>(userdata);
+    const std::size_t channels = recordFormatOf(core.configuration).channels;
     // Read sizes follow the server's block size, not the asked-for fragment; take all there is.
-    while (!core.stopRequested.load(std::memory_order_acquire)) {
+    while (core.state == CaptureState::running || core.state == CaptureState::bridging) {
         const void* data = nullptr;
         std::size_t size = 0;
         if (pa_stream_peek(stream, &data, &size) < 0) {
-            core.fail("Read", pa_context_errno(core.context));
+            core.connection->lose(core, pa_context_errno(core.connection->context));
             return;
         }
-        if (size == 0) return;
-        if (data != nullptr) {  // no data with a size is a hole (lost samples): skip it
-            const SampleBuffer buffer{true, core.description,
-                                      std::span(static_cast<const std::byte*>(data), size)};
-            for (const auto& output : core.audioOutputs) {
-                output->didOutputSampleBuffer(buffer, StreamOutputType::audio);
-            }
+        if (size == 0) break;
+        if (core.state == CaptureState::bridging) {  // a gap ends with the first samples of the new stream
+            core.fillGap(Clock::now());
+            core.state = CaptureState::running;
+        }
+        const std::size_t frames = size / (channels * sizeof(float));
+        if (data == nullptr) {
+            core.appendSilence(frames);  // a hole: samples the server lost, which still took their time
+        } else {
+            core.append(static_cast<const float*>(data), frames, channels);
         }
         pa_stream_drop(stream);
     }
+    core.deliver();
 }
 
-void PulseAudioCapture::Core::woken(pa_mainloop_api*, pa_io_event*, int, pa_io_event_flags_t, void* userdata) {
-    auto& core = *static_cast<Core*>(userdata);
-    core.wake.drain();
-    if (!core.stopRequested.load(std::memory_order_acquire) || core.closed) return;
-    core.closeConnection();
-    core.finishStart(pulseError("Start", PA_ERR_CONNECTIONTERMINATED));
+void PulseAudioCapture::Connection::woken(pa_mainloop_api*, pa_io_event*, int, pa_io_event_flags_t, void* userdata) {
+    auto& connection = *static_cast<Connection*>(userdata);
+    connection.wake.drain();
+    connection.sweep();
 }
 
-void PulseAudioCapture::Core::connectStream() {
-    if (stopRequested.load(std::memory_order_acquire)) return;  // the wake-up closes everything
-    const pa_sample_spec sampleFormat = sampleFormatOf(configuration);
-    stream = pa_stream_new(context, "Loopback capture", &sampleFormat, nullptr);
-    if (stream == nullptr) {
-        fail("Record", pa_context_errno(context));
-        return;
-    }
-    pa_stream_set_state_callback(stream, &Core::streamStateChanged, this);
-    pa_stream_set_read_callback(stream, &Core::readable, this);
-
-    pa_buffer_attr attributes;
-    attributes.maxlength = static_cast<std::uint32_t>(-1);
-    attributes.tlength = static_cast<std::uint32_t>(-1);
-    attributes.prebuf = static_cast<std::uint32_t>(-1);
-    attributes.minreq = static_cast<std::uint32_t>(-1);
-    const auto fragmentMicroseconds = std::chrono::duration_cast<std::chrono::microseconds>(options.fragment);
-    attributes.fragsize = static_cast<std::uint32_t>(pa_usec_to_bytes(fragmentMicroseconds.count(), &sampleFormat));
-    // Without ADJUST_LATENCY the fragment size is only a transport size and the server keeps
-    // its own 2 s latency.
-    const auto flags = PA_STREAM_ADJUST_LATENCY;
-    if (pa_stream_connect_record(stream, options.device.c_str(), &attributes, flags) < 0) {
-        fail("Record", pa_context_errno(context));
-    }
+void PulseAudioCapture::Connection::ticked(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
+    static_cast<Connection*>(userdata)->sweep();
 }
 
-void PulseAudioCapture::Core::fail(std::string_view operation, int code) {
-    if (closed) return;
-    const bool wasRunning = running;
-    closeConnection();
-    if (completion) {
-        finishStart(pulseError(operation, code));
-    } else if (wasRunning && !stopRequested.load(std::memory_order_acquire)) {
-        delegate->didStopWithError(pulseError(operation, code));
-    }
-}
-
-void PulseAudioCapture::Core::finishStart(std::exception_ptr error) {
-    if (!completion) return;
-    auto done = std::exchange(completion, nullptr);
-    done(std::move(error));
-}
-
-// Stops all callbacks of this capture, then lets the server drop the record stream and the
-// client. Objects are released later, outside any callback of theirs.
-void PulseAudioCapture::Core::closeConnection() {
-    if (closed) return;
-    closed = true;
-    running = false;
-    if (stream != nullptr) {
-        pa_stream_set_read_callback(stream, nullptr, nullptr);
-        pa_stream_set_state_callback(stream, nullptr, nullptr);
-        if (pa_stream_get_state(stream) == PA_STREAM_READY) pa_stream_disconnect(stream);
-    }
-    if (context != nullptr) {
-        pa_context_set_state_callback(context, nullptr, nullptr);
-        pa_context_disconnect(context);
-    }
-}
-
-void PulseAudioCapture::Core::releaseLocked() {
-    stopRequested.store(true, std::memory_order_release);
-    closeConnection();
-    if (stream != nullptr) pa_stream_unref(std::exchange(stream, nullptr));
-    if (wakeEvent != nullptr) {
-        pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
-        api->io_free(std::exchange(wakeEvent, nullptr));
-    }
-    if (context != nullptr) pa_context_unref(std::exchange(context, nullptr));
-    // A start that never got an outcome still gets one: its caller is waiting.
-    finishStart(pulseError("Start", PA_ERR_CONNECTIONTERMINATED));
-}
-
-void PulseAudioCapture::Core::shutdown() {
+void PulseAudioCapture::Connection::shutdown() {
     if (mainloop == nullptr) return;
     pa_threaded_mainloop_lock(mainloop);
-    releaseLocked();
+    for (auto& core : captures) {
+        core->stopRequested.store(true, std::memory_order_release);
+        end(*core, nullptr);
+    }
+    captures.clear();
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    if (tick != nullptr) api->time_free(std::exchange(tick, nullptr));
+    if (wakeEvent != nullptr) api->io_free(std::exchange(wakeEvent, nullptr));
+    if (context != nullptr) {
+        pa_context_set_state_callback(context, nullptr, nullptr);
+        pa_context_set_subscribe_callback(context, nullptr, nullptr);
+        pa_context_disconnect(context);
+        pa_context_unref(std::exchange(context, nullptr));
+    }
     pa_threaded_mainloop_unlock(mainloop);
     pa_threaded_mainloop_stop(mainloop);
     pa_threaded_mainloop_free(std::exchange(mainloop, nullptr));
 }
 
-PulseAudioCapture::PulseAudioCapture(Options options, StreamConfiguration configuration,
-                                     std::shared_ptr<StreamDelegate> delegate)
-    : core_(std::make_shared<Core>()) {
-    core_->options = std::move(options);
-    core_->configuration = configuration;
-    core_->delegate = std::move(delegate);
-}
+namespace {
 
-PulseAudioCapture::~PulseAudioCapture() {
-    if (core_->mainloop == nullptr) return;  // never started: there is no thread
-    const bool onOwnThread = pa_threaded_mainloop_in_thread(core_->mainloop);
-    if (!onOwnThread && async::currentExecutor() == nullptr) {
-        core_->shutdown();
+// The last owner of a connection ends it. A pool worker (often deep in cancellation handlers)
+// must not wait for the libpulse thread, and one of its own callbacks cannot join its own thread:
+// there the joining and freeing happen on a short-lived thread, which waits for the lock, so for
+// any callback to return. Should no thread be available, the connection is kept: ending the
+// process from a destructor would be worse than that one leak.
+void release(PulseAudioCapture::Connection* connection) {
+    if (connection->mainloop == nullptr ||
+        (!pa_threaded_mainloop_in_thread(connection->mainloop) && async::currentExecutor() == nullptr)) {
+        delete connection;
         return;
     }
-    // A pool worker (often deep in cancellation handlers) must not wait for the libpulse thread,
-    // and one of our own callbacks cannot join its own thread. The libpulse thread disconnects at
-    // once; joining and freeing happen on a short-lived thread, which waits for the lock, so for
-    // any callback to return. Should no thread be available, the capture is disconnected but its
-    // objects are kept: ending the process from a destructor would be worse than that one leak.
-    core_->stopRequested.store(true, std::memory_order_release);
-    core_->wake.signal();
     auto& shutdowns = BackgroundShutdowns::instance();
     shutdowns.begin();
     try {
-        std::thread([core = core_, &shutdowns]() mutable {
-            core->shutdown();
-            core.reset();
+        std::thread([connection, &shutdowns] {
+            delete connection;
             shutdowns.end();
         }).detach();
     } catch (const std::system_error&) {
         shutdowns.end();
-        new std::shared_ptr<Core>(std::move(core_));
     }
 }
+
+std::shared_ptr<PulseAudioCapture::Connection> makeConnection(PulseAudioCapture::Options options) {
+    return {new PulseAudioCapture::Connection(std::move(options)), &release};
+}
+
+}  // namespace
+
+PulseAudioCapture::PulseAudioCapture(Options options, StreamConfiguration configuration,
+                                     std::shared_ptr<StreamDelegate> delegate)
+    : PulseAudioCapture(makeConnection(std::move(options)), configuration, std::move(delegate)) {}
+
+PulseAudioCapture::PulseAudioCapture(std::shared_ptr<Connection> connection, StreamConfiguration configuration,
+                                     std::shared_ptr<StreamDelegate> delegate)
+    : connection_(std::move(connection)), core_(std::make_shared<Core>()) {
+    core_->configuration = configuration;
+    core_->delegate = std::move(delegate);
+    core_->connection = connection_.get();
+}
+
+PulseAudioCapture::~PulseAudioCapture() { stopCapture(); }
 
 void PulseAudioCapture::waitForBackgroundShutdowns() { BackgroundShutdowns::instance().waitUntilNone(); }
 
 void PulseAudioCapture::addStreamOutput(std::shared_ptr<StreamOutput> output, StreamOutputType type) {
-    if (core_->started) throw PulseAudioError::failed("AddStreamOutput", PA_ERR_BADSTATE);
+    if (core_->state != CaptureState::created) throw PulseAudioError::failed("AddStreamOutput", PA_ERR_BADSTATE);
     auto& outputs = type == StreamOutputType::audio ? core_->audioOutputs : core_->screenOutputs;
     outputs.push_back(std::move(output));
 }
 
 void PulseAudioCapture::startCapture(std::function<void(std::exception_ptr)> completion) {
     Core& core = *core_;
-    if (core.started) {
+    if (core.state != CaptureState::created) {
         completion(pulseError("Start", PA_ERR_BADSTATE));
         return;
     }
-    core.started = true;
+    core.state = CaptureState::ended;  // until the connection takes it
     if (core.stopRequested.load(std::memory_order_acquire)) {
         completion(pulseError("Start", PA_ERR_CONNECTIONTERMINATED));
         return;
@@ -335,50 +567,36 @@ void PulseAudioCapture::startCapture(std::function<void(std::exception_ptr)> com
         completion(pulseError("Start", PA_ERR_INVALID));
         return;
     }
-    if (core.wake.get() < 0) {
+    Connection& connection = *connection_;
+    if (!connection.ensureThread()) {
         completion(pulseError("Start", PA_ERR_INTERNAL));
         return;
     }
-
-    core.mainloop = pa_threaded_mainloop_new();
-    if (core.mainloop == nullptr) {
-        completion(pulseError("Start", PA_ERR_INTERNAL));
-        return;
-    }
-    pa_mainloop_api* api = pa_threaded_mainloop_get_api(core.mainloop);
-    core.context = pa_context_new(api, core.options.applicationName.c_str());
-    if (core.context == nullptr) {
-        core.shutdown();
-        completion(pulseError("Start", PA_ERR_INTERNAL));
-        return;
-    }
-    pa_context_set_state_callback(core.context, &Core::contextStateChanged, &core);
-    const char* server = core.options.server.empty() ? nullptr : core.options.server.c_str();
-    // With no server socket this fails right here (PA_ERR_CONNECTIONREFUSED) and no state
-    // callback follows, so the caller hears of it at once.
-    if (pa_context_connect(core.context, server, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
-        const int code = pa_context_errno(core.context);
-        core.shutdown();
+    pa_threaded_mainloop_lock(connection.mainloop);
+    int code = 0;
+    if (!connection.connect(code)) {
+        pa_threaded_mainloop_unlock(connection.mainloop);
         completion(pulseError("Connect", code));
         return;
     }
-    core.wakeEvent = api->io_new(api, core.wake.get(), PA_IO_EVENT_INPUT, &Core::woken, &core);
+    core.state = CaptureState::starting;
     core.completion = std::move(completion);
-    if (pa_threaded_mainloop_start(core.mainloop) < 0) {
-        auto done = std::exchange(core.completion, nullptr);
-        core.shutdown();
-        done(pulseError("Start", PA_ERR_INTERNAL));
-    }
+    connection.captures.push_back(core_);
+    if (pa_context_get_state(connection.context) == PA_CONTEXT_READY) connection.openStream(core);
+    pa_threaded_mainloop_unlock(connection.mainloop);
 }
 
 void PulseAudioCapture::stopCapture() {
     if (core_->stopRequested.exchange(true, std::memory_order_acq_rel)) return;
-    core_->wake.signal();
+    connection_->wake.signal();
 }
+
+PulseAudioCaptureService::PulseAudioCaptureService(PulseAudioCapture::Options options)
+    : connection_(makeConnection(std::move(options))) {}
 
 std::unique_ptr<CaptureStream> PulseAudioCaptureService::makeStream(const StreamConfiguration& configuration,
                                                                     std::shared_ptr<StreamDelegate> delegate) {
-    return std::make_unique<PulseAudioCapture>(options_, configuration, std::move(delegate));
+    return std::make_unique<PulseAudioCapture>(connection_, configuration, std::move(delegate));
 }
 
 }  // namespace orvel::platform

@@ -8,9 +8,13 @@
 namespace orvel::platform {
 
 // Captures what the machine plays from a PulseAudio server (or PipeWire's pulse server): a
-// record stream on the monitor of the default sink, float32 at the configured rate and channel
-// count. Each capture has its own connection and its own libpulse thread, so captures are
-// independent; buffers and errors arrive on that thread. Pulse headers stay in the .cpp.
+// record stream on the monitor of the default sink, float32 at the configured rate. A 1-channel
+// capture records the monitor's two channels and averages them, so a centred signal keeps its
+// level whichever server mixes. Captures made by one PulseAudioCaptureService share one
+// connection and one libpulse thread, each with its own record stream; buffers and errors arrive
+// on that thread, at most about once per 100 ms of audio. The capture follows the default output
+// when it changes, and rides out a server that goes away for less than `reconnectWindow`: it
+// reconnects and fills the gap with silence of the gap's length. Pulse headers stay in the .cpp.
 class PulseAudioCapture final : public CaptureStream {
 public:
     struct Options {
@@ -22,17 +26,25 @@ public:
         // Asked-for read size. The server's default is 2 s bursts; ~20 ms keeps latency low
         // without waking the thread for every few samples.
         std::chrono::milliseconds fragment{20};
+        // How much audio is handed on at once: the runtime is woken once per message's worth.
+        std::chrono::milliseconds batch{100};
+        // How long a lost server or record stream may take to come back before the capture fails.
+        std::chrono::milliseconds reconnectWindow{10000};
         std::string applicationName = "Orvel";
     };
 
+    struct Connection;
+
+    // A capture with a connection of its own.
     PulseAudioCapture(Options options, StreamConfiguration configuration, std::shared_ptr<StreamDelegate> delegate);
-    // Ends the connection and joins the libpulse thread. Never blocks an executor's thread: on
-    // one (a pool worker, or a serial executor's job), or inside one of this capture's own
-    // callbacks, it only asks the libpulse thread to disconnect and leaves the join and the
-    // freeing to a short-lived thread.
+    PulseAudioCapture(std::shared_ptr<Connection> connection, StreamConfiguration configuration,
+                      std::shared_ptr<StreamDelegate> delegate);
+    // Stops the capture. The connection ends with its last owner, and never blocks an executor's
+    // thread: on one (a pool worker, or a serial executor's job), or inside a callback of the
+    // connection, it leaves the join of the libpulse thread and the freeing to a short-lived thread.
     ~PulseAudioCapture() override;
 
-    // Blocks until every capture handed to a short-lived thread has been freed and its libpulse
+    // Blocks until every connection handed to a short-lived thread has been freed and its libpulse
     // thread joined. For the end of the process, once nothing makes captures any more.
     static void waitForBackgroundShutdowns();
 
@@ -46,26 +58,27 @@ public:
     // "PulseAudioError. Connect(6): Connection refused"); otherwise completes on the libpulse
     // thread once the record stream is ready or has failed.
     void startCapture(std::function<void(std::exception_ptr)> completion) override;
-    // Never blocks: it flags the capture and wakes the libpulse thread, which disconnects.
+    // Never blocks: it flags the capture and wakes the libpulse thread, which ends the record stream.
     void stopCapture() override;
 
     struct Core;
 
 private:
+    std::shared_ptr<Connection> connection_;
     std::shared_ptr<Core> core_;
 };
 
-// Makes PulseAudioCapture streams with the given options.
+// Makes PulseAudioCapture streams with the given options, all on one connection.
 class PulseAudioCaptureService final : public CaptureService {
 public:
-    PulseAudioCaptureService() = default;
-    explicit PulseAudioCaptureService(PulseAudioCapture::Options options) : options_(std::move(options)) {}
+    PulseAudioCaptureService() : PulseAudioCaptureService(PulseAudioCapture::Options{}) {}
+    explicit PulseAudioCaptureService(PulseAudioCapture::Options options);
 
     std::unique_ptr<CaptureStream> makeStream(const StreamConfiguration& configuration,
                                               std::shared_ptr<StreamDelegate> delegate) override;
 
 private:
-    PulseAudioCapture::Options options_;
+    std::shared_ptr<PulseAudioCapture::Connection> connection_;
 };
 
 }  // namespace orvel::platform

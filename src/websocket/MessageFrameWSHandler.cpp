@@ -101,12 +101,17 @@ async::Task<void> readFrames(std::shared_ptr<WSFrameSequence> incoming, MessageI
     messages.finish();
 }
 
-// Turns the application's messages into frames until they end. Never ends the frames itself.
+// Turns the application's messages into frames until they end. Ends the frames itself only with
+// the application's close.
 async::Task<void> writeMessages(async::AsyncStream<WSMessage> outgoing, FrameOut frames, std::size_t frameSize) {
     // A cancelled writer stops even when messages keep coming and it never has to wait for one.
     while (!async::isCancelled()) {
         auto message = co_await outgoing.next();
         if (!message) break;
+        if (message->isClose()) {
+            frames.yieldLast(WSFrame::close(message->closeValue().code, message->closeValue().reason));
+            break;
+        }
         forEachFrame(std::move(*message), frameSize, [&](WSFrame frame) { frames.yield(std::move(frame)); });
     }
 }

@@ -13,6 +13,7 @@
 #include <sys/resource.h>
 #include <cmath>
 #include <fstream>
+#include <future>
 #include <thread>
 
 namespace orvel {
@@ -28,6 +29,18 @@ using namespace std::chrono_literals;
     if (first == std::string::npos || output.find("info: Shut down WebSocket server.\n", first) == std::string::npos)
         return ::testing::AssertionFailure() << "no termination steps in:\n" << output;
     return ::testing::AssertionSuccess();
+}
+
+// The payload of a close frame: status code (big-endian), then the reason.
+std::string closePayload(int code, const std::string& reason) {
+    return std::string{static_cast<char>(code >> 8), static_cast<char>(code & 0xFF)} + reason;
+}
+
+// What a page gets last, reading until the connection ends.
+std::optional<test::WebSocketClient::Message> lastMessage(test::WebSocketClient& page) {
+    std::optional<test::WebSocketClient::Message> last;
+    while (auto message = page.receive()) last = std::move(message);
+    return last;
 }
 
 const std::string getVersion = "GET /version HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
@@ -105,44 +118,32 @@ TEST_F(OrvelEndToEnd, OtherRequestsMeetTheOriginTestThenTheHandshakeRules) {
     EXPECT_THAT(orvel->output(), Not(HasSubstr("Streaming connections:")));
 }
 
-// Two pages at once, at 48000 and 16000 Hz: each gets 100 ms messages holding the phrase played,
-// the count follows them, and neither a vanished nor a closed page leaves a capture behind.
-TEST_F(OrvelEndToEnd, StreamsWhatIsPlayedToEachPageInHundredMillisecondMessages) {
+// Two pages at once, at 48000 and 16000 Hz: each gets 100 ms messages (what they hold is checked
+// by the capture's own test and the browser's), the count follows them, and neither a vanished
+// nor a closed page leaves a capture behind.
+TEST_F(OrvelEndToEnd, StreamsToEachPageInHundredMillisecondMessages) {
     test::PulseAudioServer pulse;
-    test::TestSignals signals;
-    const auto speech = signals.speech("Orvel streams what this machine plays to the page.");
     auto orvel = start({{"PULSE_SERVER", pulse.server()}});
     struct Page {
         int rate;
         test::WebSocketClient client;
-        std::vector<float> reference;
-        std::vector<std::uint8_t> received = {};
     };
-    Page pages[] = {{48000, test::WebSocketClient("http://localhost:3000"), signals.samples(speech, 48000)},
-                    {16000, test::WebSocketClient("https://app.tamrix.com"), signals.samples(speech, 16000)}};
+    Page pages[] = {{48000, test::WebSocketClient("http://localhost:3000")},
+                    {16000, test::WebSocketClient("https://app.tamrix.com")}};
     for (std::size_t i = 0; i < 2; ++i) {
         ASSERT_EQ(pages[i].client.statusLine(), "HTTP/1.1 101 Switching Protocols");
         pages[i].client.sendText(R"({"type": "loopback", "sample_rate": )" + std::to_string(pages[i].rate) + "}");
         ASSERT_TRUE(orvel->waitForLine("Streaming connections: " + std::to_string(i + 1) + "."));
     }
-    std::unique_ptr<test::ChildProcess> player;
-    const std::size_t wanted = pages[1].reference.size() / 1600 + 10;  // the whole phrase and a second of slack
-    for (std::size_t i = 0; i < wanted; ++i) {
-        if (i == 1) player = pulse.play(speech);  // both captures are running: each page got a message
+    for (int i = 0; i < 10; ++i) {
         for (auto& page : pages) {
             auto message = page.client.receive();
             ASSERT_TRUE(message) << "connection ended after " << i << " messages\n" << orvel->output();
             ASSERT_EQ(message->opcode, 2);
             ASSERT_EQ(message->payload.size(), static_cast<std::size_t>(page.rate / 5)) << "message " << i;
-            page.received.insert(page.received.end(), message->payload.begin(), message->payload.end());
         }
     }
     EXPECT_EQ(pulse.sourceOutputs().size(), 2u);
-    for (const auto& page : pages) {
-        const auto match = test::findWindow(test::int16ToFloats(page.received), page.reference, static_cast<std::size_t>(page.rate / 5));
-        EXPECT_GT(match.correlation, 0.95) << page.rate << " Hz: the middle of the phrase is not in what the page got";
-        EXPECT_NEAR(match.levelRatio, 1.0, 0.2) << page.rate << " Hz";
-    }
 
     pages[0].client.drop();  // no closing handshake: the socket just goes
     ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
@@ -170,6 +171,11 @@ TEST_F(OrvelEndToEnd, QuittingWhileThreePagesStreamEndsCleanlyWithBothTerminatio
         for (auto& page : pages) ASSERT_TRUE(page.receive()) << "round " << round << "\n" << orvel->output();
         EXPECT_EQ(orvel->terminate(), 0) << "round " << round << "\n" << orvel->output();
         EXPECT_TRUE(ranTerminationSteps(orvel->output())) << "round " << round;
+        for (auto& page : pages) {
+            const auto last = lastMessage(page);
+            ASSERT_TRUE(last) << "round " << round;
+            EXPECT_EQ(last->payload, closePayload(1001, "Going away")) << "round " << round;
+        }
     }
 }
 
@@ -364,6 +370,53 @@ TEST_F(OrvelEndToEnd, ANodeProgramWithThePageLibraryGetsThePlayedSound) {
     EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
 }
 
+// What the desktop does to the sound server while a page streams, on PulseAudio and PipeWire: the
+// default output switched to another sink playing another tone, the server killed and started
+// again after 2 s, then killed for good.
+class OrvelThroughDesktopChanges : public OrvelEndToEnd, public ::testing::WithParamInterface<test::SoundServer::Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Servers, OrvelThroughDesktopChanges, ::testing::ValuesIn(test::soundServerKinds),
+                         test::soundServerName<::testing::TestParamInfo<test::SoundServer::Kind>>);
+
+TEST_P(OrvelThroughDesktopChanges, FollowsTheDefaultOutputRidesOutARestartAndFailsOnlyWhenTheServerStaysAway) {
+    test::SoundServer server(GetParam());
+    test::TestSignals signals;
+    const auto tone = signals.sine(1000, 0.5, 30);
+    auto orvel = start({{"PULSE_SERVER", server.server()}});
+    test::WebSocketClient page("http://localhost");
+    page.sendText(R"({"type":"loopback","sample_rate":16000})");
+    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
+    const auto messages = [&](int count) {
+        std::vector<std::uint8_t> received;
+        for (int i = 0; i < count; ++i) {
+            auto message = page.receive();
+            if (!message || message->opcode != 2) return std::optional<std::vector<std::uint8_t>>();
+            received.insert(received.end(), message->payload.begin(), message->payload.end());
+        }
+        return std::optional(received);
+    };
+    ASSERT_TRUE(messages(5));
+    server.addSink("orvel_second");  // now the default
+    auto player = server.play(tone, "orvel_second");
+    const auto afterSwitch = messages(30);
+    ASSERT_TRUE(afterSwitch) << "the stream ended at the switch\n" << orvel->output();
+    const auto match = test::findWindow(test::int16ToFloats(*afterSwitch), signals.samples(tone, 16000), 1600);
+    EXPECT_GT(match.correlation, 0.95) << "the new default's tone is not in the stream";
+
+    player.reset();
+    server.stop(SIGKILL);
+    std::this_thread::sleep_for(2s);
+    server.start();
+    EXPECT_TRUE(messages(50)) << "the stream did not go on after the restart\n" << orvel->output();
+
+    server.stop(SIGKILL);
+    const auto last = lastMessage(page);
+    ASSERT_TRUE(last);
+    EXPECT_EQ(last->payload, closePayload(1011, "Audio capture failed"));
+    EXPECT_TRUE(orvel->waitForLine("error: Audio capture failed prematurely ("));
+    EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
+}
+
 const std::filesystem::path webSite = ORVEL_SOURCE_DIR "/web";
 
 // Connects the demo at 48000 Hz and reads what it shows once 2 s are in; then records 2 s of an
@@ -458,6 +511,45 @@ TEST_F(OrvelEndToEnd, TheDemoPageSaysWhyItCouldNotConnect) {
         if (orvel) {
             EXPECT_TRUE(orvel->waitForLine("Origin http://127.0.0.1:"));
         }
+    }
+}
+
+// What a page's close event says when its stream ends badly: after an invalid configuration, a
+// capture failure (no sound server), and Orvel quitting.
+TEST_F(OrvelEndToEnd, APageCanTellWhyItsStreamEnded) {
+    if (auto missing = test::Chromium::missingTools(); !missing.empty())
+        GTEST_SKIP() << "missing: " << missing << "(scripts/setup installs them)";
+    struct Case {
+        std::string configuration;
+        bool quit;  // with a sound server, so that only quitting ends the stream
+        int code;
+        std::string reason;
+    } cases[] = {
+        {R"({"type": "loopback"})", false, 1007, "Invalid configuration"},
+        {R"({"type": "loopback", "sample_rate": 16000})", false, 1011, "Audio capture failed"},
+        {R"({"type": "loopback", "sample_rate": 16000})", true, 1001, "Going away"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
+        std::optional<test::PulseAudioServer> pulse;
+        test::EnvironmentChanges environment;
+        if (c.quit) environment["PULSE_SERVER"] = pulse.emplace().server();
+        auto orvel = start(environment);
+        const std::string page = R"(<script>
+window.result = new Promise((resolve) => {
+  const socket = new WebSocket("ws://127.0.0.1:8505");
+  socket.onopen = () => socket.send()" + nlohmann::json(c.configuration).dump() + R"();
+  socket.onclose = (event) => resolve({ code: event.code, reason: event.reason });
+});
+</script>)";
+        auto closed = std::async(std::launch::async, [&] { return test::Chromium::evaluate(page, "window.result", 90s); });
+        if (c.quit) {
+            EXPECT_TRUE(orvel->waitForLine("Streaming connections: 1."));
+            EXPECT_EQ(orvel->terminate(), 0);
+        }
+        const auto result = closed.get();
+        ASSERT_TRUE(result.ok) << result.error << "\n" << orvel->output();
+        EXPECT_EQ(result.value, nlohmann::json({{"code", c.code}, {"reason", c.reason}}));
     }
 }
 

@@ -85,6 +85,9 @@ protected:
 };
 
 const WSMessage config48k = WSMessage::text(R"({"type": "loopback", "sample_rate": 48000})");
+// The last message of a stream that ended badly: the page can tell why.
+const WSMessage invalidConfiguration = WSMessage::close(1007, "Invalid configuration");
+const WSMessage captureFailed = WSMessage::close(1011, "Audio capture failed");
 
 // Whatever pieces the capture delivers, the page gets the bytes unchanged in 100 ms messages
 // and the rest at the end.
@@ -120,7 +123,7 @@ TEST_F(StreamAudio, AnythingButAConfigurationFirstEndsWithoutCounting) {
     auto watch = currentStreamCount().subscribe([&](std::int64_t value) { highest = std::max(highest, value); });
     for (const auto& first : firsts) {
         auto sent = run(first, startingWith(fake_));
-        EXPECT_THAT(sent, IsEmpty());
+        EXPECT_THAT(sent, ElementsAre(invalidConfiguration));
     }
     EXPECT_EQ(highest, 0);
     EXPECT_THAT(fake_->startedRates, IsEmpty());
@@ -133,7 +136,8 @@ TEST_F(StreamAudio, ACaptureFailureDropsPendingBytesLogsAndLowersTheCount) {
     fake_->feed->yield(bytes(9600 + 100));
     fake_->feed->finish(std::make_exception_ptr(platform::PulseAudioError::failed("Read", 11)));
     auto sent = run({config48k}, startingWith(fake_));
-    EXPECT_THAT(sizes(sent), ElementsAre(9600));
+    ASSERT_THAT(sizes(sent), ElementsAre(9600, captureFailed.bytes().size()));
+    EXPECT_EQ(sent.back(), captureFailed);
     EXPECT_THAT(counts, ElementsAre(0, 1, 0));
     ASSERT_EQ(logger_->lines().size(), 1u);
     EXPECT_THAT(logger_->lines()[0], ::testing::StartsWith("error: Audio capture failed prematurely ("));
@@ -143,7 +147,7 @@ TEST_F(StreamAudio, ACaptureFailureDropsPendingBytesLogsAndLowersTheCount) {
 TEST_F(StreamAudio, ARefusedPermissionHasItsOwnLine) {
     fake_->startError = std::make_exception_ptr(platform::PulseAudioError::failed("Connect", 1));  // access denied
     auto sent = run({config48k}, startingWith(fake_));
-    EXPECT_THAT(sent, IsEmpty());
+    EXPECT_THAT(sent, ElementsAre(captureFailed));
     EXPECT_THAT(logger_->lines(), ElementsAre("error: User didn't grant screen capture permission, closing WebSocket connection."));
 }
 
@@ -153,7 +157,7 @@ TEST_F(StreamAudio, RatesTheCaptureCannotServeTakeThePrematureFailurePath) {
     auto watch = currentStreamCount().subscribe([&](std::int64_t value) { counts.push_back(value); });
     auto sent = run({WSMessage::text(R"({"type":"loopback","sample_rate":18446744073709551615})")},
                     [](std::int64_t r) { return startAudioCapture(r); });  // the real start, refusing before any server
-    EXPECT_THAT(sent, IsEmpty());
+    EXPECT_THAT(sent, ElementsAre(captureFailed));
     EXPECT_THAT(counts, ElementsAre(0, 1, 0));
     EXPECT_THAT(logger_->lines(), ElementsAre("error: Audio capture failed prematurely (" +
                                               AudioCaptureError::cannotCreateSourceFormat().description() +
@@ -182,7 +186,7 @@ TEST_F(StreamAudio, APageSilentPastTheConfigurationTimeIsRefusedLikeABadConfigur
     EXPECT_TRUE(test::waitUntil([&] { return streaming.isFinished(); }));
     in.finish();  // lets a stream that missed its time end, so the test does too
     streaming.wait();
-    EXPECT_THAT(async::syncWait(collect(std::move(outgoing))), IsEmpty());
+    EXPECT_THAT(async::syncWait(collect(std::move(outgoing))), ElementsAre(invalidConfiguration));
     EXPECT_THAT(logger_->lines(), ElementsAre("error: Could not parse configuration, closing WebSocket connection."));
 }
 

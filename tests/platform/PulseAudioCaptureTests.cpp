@@ -9,6 +9,8 @@
 
 #include <condition_variable>
 #include <future>
+#include <map>
+#include <thread>
 #include <mutex>
 
 namespace orvel::platform {
@@ -22,6 +24,7 @@ public:
     void didOutputSampleBuffer(const SampleBuffer& buffer, StreamOutputType) override {
         std::lock_guard lock(mutex_);
         samples_ += buffer.audioBufferList.size() / sizeof(float);
+        bufferFrames_.push_back(buffer.audioBufferList.size() / sizeof(float));
         changed_.notify_all();
         if (onBuffer) onBuffer();
     }
@@ -42,12 +45,22 @@ public:
         return error_;
     }
 
+    std::size_t samples() {
+        std::lock_guard lock(mutex_);
+        return samples_;
+    }
+    std::vector<std::size_t> bufferFrames() {
+        std::lock_guard lock(mutex_);
+        return bufferFrames_;
+    }
+
     std::function<void()> onBuffer;  // runs on the libpulse thread, under the recorder's lock
 
 private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::size_t samples_ = 0;
+    std::vector<std::size_t> bufferFrames_;
     std::exception_ptr error_;
 };
 
@@ -94,30 +107,66 @@ TEST(PulseAudioCaptureStart, FailsAtOnceWithoutAServerAndRefusesImpossibleRatesB
             << rate;
 }
 
-class PulseAudioCaptureWithServer : public ::testing::Test {
+// Each test runs on both servers; a server is started once per kind and shared by the tests
+// that leave it as they found it.
+class CaptureOnSoundServer : public ::testing::TestWithParam<test::SoundServer::Kind> {
 protected:
-    static void SetUpTestSuite() { server_ = std::make_unique<test::PulseAudioServer>(); }
-    static void TearDownTestSuite() { server_.reset(); }
-    void TearDown() override { EXPECT_TRUE(server_->waitUntilNoSourceOutputs()) << "a record stream was left behind"; }
+    static void TearDownTestSuite() { servers_.clear(); }
+    void TearDown() override { EXPECT_TRUE(server().waitUntilNoSourceOutputs()) << "a record stream was left behind"; }
 
-    static inline std::unique_ptr<test::PulseAudioServer> server_;
+    static test::SoundServer& server() {
+        auto& server = servers_[GetParam()];
+        if (!server) server = std::make_unique<test::SoundServer>(GetParam());
+        return *server;
+    }
+
+    static inline std::map<test::SoundServer::Kind, std::unique_ptr<test::SoundServer>> servers_;
 };
 
-TEST_F(PulseAudioCaptureWithServer, StopEndsTheRecordStreamWithoutAnError) {
+INSTANTIATE_TEST_SUITE_P(Servers, CaptureOnSoundServer, ::testing::ValuesIn(test::soundServerKinds),
+                         test::soundServerName<::testing::TestParamInfo<test::SoundServer::Kind>>);
+
+TEST_P(CaptureOnSoundServer, StopEndsTheRecordStreamWithoutAnError) {
     auto recorder = std::make_shared<Recorder>();
-    auto capture = makeCapture(server_->server(), 48000, recorder);
+    auto capture = makeCapture(server().server(), 48000, recorder);
     ASSERT_EQ(start(*capture), "no error");
     ASSERT_TRUE(recorder->waitForSamples(4800));
-    EXPECT_EQ(server_->sourceOutputs().size(), 1u);
+    // PipeWire may list a stream twice for a moment while it links it.
+    EXPECT_TRUE(test::waitUntil([&] { return server().sourceOutputs().size() == 1u; }, 20s)) << server().sourceOutputs().size();
     capture->stopCapture();
     capture->stopCapture();  // a second request changes nothing
-    EXPECT_TRUE(server_->waitUntilNoSourceOutputs()) << "the capture still records after stopCapture";
+    EXPECT_TRUE(server().waitUntilNoSourceOutputs()) << "the capture still records after stopCapture";
     EXPECT_EQ(recorder->waitForError(0s), nullptr);
 }
 
-TEST_F(PulseAudioCaptureWithServer, CanBeReleasedFromItsOwnCallback) {
+// Captures of one service share one client connection, each with its own record stream, and
+// hand on whole 100 ms batches (one wake-up of the runtime per message).
+TEST_P(CaptureOnSoundServer, CapturesOfOneServiceShareOneConnectionAndHandOnWholeBatches) {
+    PulseAudioCaptureService service(PulseAudioCapture::Options{.server = server().server(), .applicationName = "OrvelShared"});
+    std::vector<std::shared_ptr<Recorder>> recorders;
+    std::vector<std::unique_ptr<CaptureStream>> captures;
+    for (std::int64_t rate : {16000, 48000, 48000}) {
+        recorders.push_back(std::make_shared<Recorder>());
+        captures.push_back(service.makeStream({.capturesAudio = true, .channelCount = 1, .sampleRate = rate}, recorders.back()));
+        captures.back()->addStreamOutput(recorders.back(), StreamOutputType::audio);
+        ASSERT_EQ(start(*captures.back()), "no error") << rate;
+    }
+    for (auto& recorder : recorders) ASSERT_TRUE(recorder->waitForSamples(48000));
+    const auto clients = server().pactl({"list", "clients"});
+    std::size_t ours = 0;
+    for (std::size_t at = 0; (at = clients.find("\"OrvelShared\"", at)) != std::string::npos; ++at) ++ours;
+    EXPECT_EQ(ours, 1u) << clients;
+    EXPECT_EQ(server().sourceOutputs().size(), 3u);
+    EXPECT_THAT(recorders[0]->bufferFrames(), ::testing::Each(::testing::AllOf(::testing::Gt(0u), ::testing::ResultOf([](std::size_t n) { return n % 1600; }, 0u))));
+    EXPECT_THAT(recorders[1]->bufferFrames(), ::testing::Each(::testing::AllOf(::testing::Gt(0u), ::testing::ResultOf([](std::size_t n) { return n % 4800; }, 0u))));
+    captures[1].reset();
+    EXPECT_TRUE(test::waitUntil([&] { return server().sourceOutputs().size() == 2u; }, 20s)) << "one capture's end leaves the others";
+    EXPECT_TRUE(recorders[2]->waitForSamples(recorders[2]->samples() + 4800));
+}
+
+TEST_P(CaptureOnSoundServer, CanBeReleasedFromItsOwnCallback) {
     auto recorder = std::make_shared<Recorder>();
-    std::unique_ptr<CaptureStream> capture = makeCapture(server_->server(), 48000, recorder);
+    std::unique_ptr<CaptureStream> capture = makeCapture(server().server(), 48000, recorder);
     std::promise<void> released;
     recorder->onBuffer = [&] {
         if (!capture) return;
@@ -134,9 +183,9 @@ async::Task<void> release(std::unique_ptr<PulseAudioCapture>* capture) {
     co_return;
 }
 
-TEST_F(PulseAudioCaptureWithServer, ReleasedOnAPoolWorkerItNeverWaitsForTheLibpulseThread) {
+TEST_P(CaptureOnSoundServer, ReleasedOnAPoolWorkerItNeverWaitsForTheLibpulseThread) {
     auto recorder = std::make_shared<Recorder>();
-    auto capture = makeCapture(server_->server(), 48000, recorder);
+    auto capture = makeCapture(server().server(), 48000, recorder);
     std::promise<void> entered, open;
     auto gate = open.get_future().share();
     std::atomic<bool> held{false};
@@ -155,14 +204,68 @@ TEST_F(PulseAudioCaptureWithServer, ReleasedOnAPoolWorkerItNeverWaitsForTheLibpu
     PulseAudioCapture::waitForBackgroundShutdowns();
 }
 
-TEST(PulseAudioCaptureServerLoss, EndsTheCaptureWithTheServersError) {
-    test::PulseAudioServer server;
+// What the desktop does to a running capture, each on a server of its own.
+class CaptureThroughDesktopChanges : public ::testing::TestWithParam<test::SoundServer::Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Servers, CaptureThroughDesktopChanges, ::testing::ValuesIn(test::soundServerKinds),
+                         test::soundServerName<::testing::TestParamInfo<test::SoundServer::Kind>>);
+
+// The index of the source the capture's one record stream records from.
+std::string recordedSource(const test::SoundServer& server) {
+    auto outputs = server.sourceOutputs();
+    if (outputs.size() != 1) return "";
+    std::istringstream fields(outputs.front());
+    std::string index, source;
+    fields >> index >> source;
+    return source;
+}
+
+std::string sourceIndex(const test::SoundServer& server, const std::string& name) {
+    std::istringstream lines(server.pactl({"list", "short", "sources"}));
+    for (std::string index, source, rest; lines >> index >> source && std::getline(lines, rest);)
+        if (source == name) return index;
+    return "none";
+}
+
+TEST_P(CaptureThroughDesktopChanges, FollowsANewDefaultOutput) {
+    test::SoundServer server(GetParam());
     auto recorder = std::make_shared<Recorder>();
     auto capture = makeCapture(server.server(), 48000, recorder);
     ASSERT_EQ(start(*capture), "no error");
     ASSERT_TRUE(recorder->waitForSamples(4800));
-    server.stop();
-    EXPECT_THAT(describe(recorder->waitForError()), ::testing::HasSubstr("Connection terminated"));
+    server.addSink("orvel_second");  // and makes it the default
+    const auto second = sourceIndex(server, "orvel_second.monitor");
+    EXPECT_TRUE(test::waitUntil([&] { return recordedSource(server) == second; }, 20s))
+        << "records source " << recordedSource(server) << ", not the new default's monitor " << second;
+    EXPECT_EQ(recorder->waitForError(0s), nullptr);
+}
+
+// A server that comes back within the window: the capture reconnects, and the samples it hands
+// on cover the whole time, the gap as silence. One that does not come back ends the capture.
+TEST_P(CaptureThroughDesktopChanges, RidesOutAServerRestartAndFailsOnlyWhenItStaysAway) {
+    test::SoundServer server(GetParam());
+    auto recorder = std::make_shared<Recorder>();
+    StreamConfiguration configuration{.capturesAudio = true, .channelCount = 1, .sampleRate = 16000};
+    PulseAudioCapture capture(PulseAudioCapture::Options{.server = server.server(), .reconnectWindow = 6s},
+                              configuration, recorder);
+    capture.addStreamOutput(recorder, StreamOutputType::audio);
+    ASSERT_EQ(start(capture), "no error");
+    ASSERT_TRUE(recorder->waitForSamples(1600));
+    const auto started = std::chrono::steady_clock::now();
+    const std::size_t before = recorder->samples();
+    server.stop(SIGKILL);
+    std::this_thread::sleep_for(2s);
+    server.start();
+    ASSERT_TRUE(test::waitUntil([&] { return server.sourceOutputs().size() == 1; }, 20s)) << "no reconnect";
+    std::this_thread::sleep_for(1s);
+    const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const std::size_t received = recorder->samples() - before;
+    // The gap was over 2 s; less than 1 s missing means it was filled.
+    EXPECT_GE(received, static_cast<std::size_t>((seconds - 1.0) * 16000)) << received << " samples in " << seconds << " s";
+    EXPECT_EQ(recorder->waitForError(0s), nullptr);
+
+    server.stop(SIGKILL);
+    EXPECT_THAT(describe(recorder->waitForError(60s)), ::testing::HasSubstr("Connection terminated"));
 }
 
 }  // namespace

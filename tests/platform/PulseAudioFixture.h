@@ -1,9 +1,5 @@
 #pragma once
-// A private PulseAudio server for capture tests, and the signal tools to check what was
-// captured. The server runs in its own XDG_RUNTIME_DIR with one null sink as the default sink,
-// kept busy by a silent pacat stream: an idle null sink renders in ~2 s bursts. The daemon is
-// stopped by the PID in its pid file. Only children get the server's environment; this process
-// passes the server to libpulse explicitly.
+// A private sound server for capture tests, and the signal tools to check what was captured.
 
 // Relative, so that bench programs (which do not have tests/ on their include path) can use it.
 #include "../e2e/Process.h"
@@ -13,65 +9,143 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <optional>
+#include <utility>
 #include <span>
 #include <sstream>
 
 namespace orvel::test {
 
-class PulseAudioServer {
+// A private sound server for capture tests: PulseAudio, or PipeWire with its session manager
+// and pulse server on a session bus of their own. Either runs in its own XDG_RUNTIME_DIR with a
+// null sink as the default sink, kept busy by a silent pacat stream: an idle null sink renders
+// in ~2 s bursts (PipeWire suspends it). Everything is stopped by PID. Only children get the
+// server's environment; this process passes the server to libpulse explicitly.
+class SoundServer {
 public:
-    PulseAudioServer() {
+    enum class Kind { pulseaudio, pipewire };
+
+    explicit SoundServer(Kind kind = Kind::pulseaudio) : kind_(kind) {
         const auto runtime = folder_.path() / "xdg";
         std::filesystem::create_directories(runtime);
         std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
         std::filesystem::create_directories(folder_.path() / "home");
-        environment_ = environmentWith({{"XDG_RUNTIME_DIR", runtime.string()},
-                                        {"HOME", (folder_.path() / "home").string()},
-                                        {"PULSE_SERVER", server()},
-                                        {"PULSE_RUNTIME_PATH", std::nullopt},
-                                        {"PULSE_SINK", std::nullopt},
-                                        {"PULSE_SOURCE", std::nullopt}});
-        const std::string pulseaudio = findProgram("pulseaudio");
-        if (pulseaudio.empty()) throw std::runtime_error("pulseaudio is not installed (see scripts/setup)");
-        const auto started = runProgram({pulseaudio, "--daemonize=yes", "--exit-idle-time=-1", "-n",
-                                         "--load=module-native-protocol-unix",
-                                         "--load=module-null-sink sink_name=orvel_test",
-                                         "--log-target=file:" + (folder_.path() / "pulseaudio.log").string()},
-                                        childOptions(), 30s);
-        std::ifstream(runtime / "pulse" / "pid") >> pid_;
-        if (started.exitCode != 0 || pid_ <= 0)
-            throw std::runtime_error("pulseaudio did not start: " + started.output + log());
-        daemon_ = Fd(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
-        keepBusy_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{findProgram("pacat"), "--playback", "--raw", "--format=s16le", "--rate=48000",
-                                     "--channels=2", "--latency-msec=20", "/dev/zero"},
-            childOptions());
-        if (!waitUntil([&] { return lines(pactl({"list", "short", "sink-inputs"})).size() == 1; })) {
-            const std::string why = "the keep-busy stream did not appear: " + keepBusy_->output() + log();
-            keepBusy_.reset();
+        EnvironmentChanges changes{{"XDG_RUNTIME_DIR", runtime.string()},
+                                   {"HOME", (folder_.path() / "home").string()},
+                                   {"PULSE_SERVER", server()},
+                                   {"PULSE_RUNTIME_PATH", std::nullopt},
+                                   {"PULSE_SINK", std::nullopt},
+                                   {"PULSE_SOURCE", std::nullopt},
+                                   {"PIPEWIRE_REMOTE", std::nullopt},
+                                   {"PIPEWIRE_RUNTIME_DIR", std::nullopt},
+                                   {"XDG_CONFIG_HOME", std::nullopt},
+                                   {"XDG_STATE_HOME", std::nullopt}};
+        if (kind_ == Kind::pipewire) {
+            const auto bus = runProgram({findProgram("dbus-daemon"), "--session", "--fork", "--print-pid=1",
+                                         "--address=unix:path=" + (folder_.path() / "bus").string()},
+                                        {.environment = environmentWith(changes)}, 30s);
+            busPid_ = std::atoi(bus.output.c_str());
+            if (bus.exitCode != 0 || busPid_ <= 0) throw std::runtime_error("dbus-daemon did not start: " + bus.output);
+            changes["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (folder_.path() / "bus").string();
+        }
+        environment_ = environmentWith(changes);
+        try {
+            start();
+        } catch (...) {
             stop();  // no destructor runs for a constructor that throws
-            throw std::runtime_error(why);
+            stopBus();
+            throw;
         }
     }
 
-    PulseAudioServer(const PulseAudioServer&) = delete;
-    PulseAudioServer& operator=(const PulseAudioServer&) = delete;
-    ~PulseAudioServer() {
-        keepBusy_.reset();
+    SoundServer(const SoundServer&) = delete;
+    SoundServer& operator=(const SoundServer&) = delete;
+    ~SoundServer() {
         stop();
+        stopBus();
     }
 
-    // The server as libpulse takes it.
+    Kind kind() const noexcept { return kind_; }
+    std::string name() const { return kind_ == Kind::pipewire ? "PipeWire" : "PulseAudio"; }
+
+    // The server as libpulse takes it; the same across restarts.
     std::string server() const { return "unix:" + (folder_.path() / "xdg" / "pulse" / "native").string(); }
 
     // For children that should talk to this server (paplay, pactl, pacat).
     ChildProcess::Options childOptions() const { return {.environment = environment_}; }
 
-    std::string pactl(std::vector<std::string> arguments) const {
+    // Starts the server (again, after stop) with the busy null sink "orvel_test" as default.
+    void start() {
+        if (kind_ == Kind::pulseaudio) {
+            std::filesystem::remove(folder_.path() / "xdg" / "pulse" / "pid");  // left by a killed daemon
+            const auto started = runProgram({findProgram("pulseaudio"), "--daemonize=yes", "--exit-idle-time=-1", "-n",
+                                             "--load=module-native-protocol-unix",
+                                             "--log-target=file:" + logFile("pulseaudio").string()},
+                                            childOptions(), 30s);
+            std::ifstream(folder_.path() / "xdg" / "pulse" / "pid") >> pid_;
+            if (started.exitCode != 0 || pid_ <= 0)
+                throw std::runtime_error("pulseaudio did not start: " + started.output + log());
+            daemon_ = Fd(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
+        } else {
+            for (const char* program : {"pipewire", "wireplumber", "pipewire-pulse"}) {
+                const std::string path = findProgram(program);
+                if (path.empty()) throw std::runtime_error(std::string(program) + " is not installed (see scripts/setup)");
+                // Into a file: a pipe nobody reads would stall the server once full.
+                processes_.push_back(std::make_unique<ChildProcess>(
+                    std::vector<std::string>{"/bin/sh", "-c", "exec \"$0\" >>\"$1\" 2>&1", path,
+                                             logFile(program).string()},
+                    childOptions()));
+                // The others give up when the core is not there yet.
+                if (processes_.size() == 1 &&
+                    !waitUntil([&] { return std::filesystem::exists(folder_.path() / "xdg" / "pipewire-0"); }, 30s))
+                    throw std::runtime_error("pipewire did not start" + log());
+            }
+            if (!waitUntil([&] { return tryPactl({"info"}).has_value(); }, 30s))
+                throw std::runtime_error("pipewire-pulse did not answer" + log());
+        }
+        addSink("orvel_test");
+    }
+
+    // Ends the server: SIGTERM, or SIGKILL for a crash; waits for every process by its pidfd.
+    void stop(int signal = SIGTERM) {
+        keepBusy_.clear();
+        for (auto& process : processes_) process->signal(signal);
+        processes_.clear();  // the destructors wait
+        if (pid_ > 0) {
+            for (int each : {signal, SIGKILL}) {
+                ::kill(pid_, each);
+                pollfd entry{daemon_.get(), POLLIN, 0};
+                if (!daemon_ || ::poll(&entry, 1, 10000) > 0) break;
+            }
+            pid_ = -1;
+            daemon_ = Fd();
+        }
+    }
+
+    // A null sink kept busy by its own silent stream, made the default sink.
+    void addSink(const std::string& name) {
+        pactl({"load-module", "module-null-sink", "sink_name=" + name});
+        // PipeWire's session manager, which keeps the default, may still be starting.
+        if (!waitUntil([&] { return tryPactl({"set-default-sink", name}).has_value(); }, 30s))
+            pactl({"set-default-sink", name});
+        keepBusy_.push_back(std::make_unique<ChildProcess>(
+            std::vector<std::string>{findProgram("pacat"), "--playback", "--raw", "--format=s16le", "--rate=48000",
+                                     "--channels=2", "--latency-msec=20", "--device=" + name, "/dev/zero"},
+            childOptions()));
+        if (!waitUntil([&] { return lines(pactl({"list", "short", "sink-inputs"})).size() == keepBusy_.size(); }, 30s))
+            throw std::runtime_error("the keep-busy stream did not appear: " + keepBusy_.back()->output() + log());
+    }
+
+    std::optional<std::string> tryPactl(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), findProgram("pactl"));
         auto result = runProgram(std::move(arguments), childOptions(), 30s);
-        if (result.exitCode != 0) throw std::runtime_error("pactl failed: " + result.output);
+        if (result.exitCode != 0) return std::nullopt;
         return result.output;
+    }
+    std::string pactl(std::vector<std::string> arguments) const {
+        auto result = tryPactl(arguments);
+        if (!result) throw std::runtime_error("pactl " + arguments.front() + " failed" + log());
+        return *result;
     }
 
     // Record streams the server has, one line each.
@@ -82,30 +156,29 @@ public:
         return waitUntil([&] { return sourceOutputs().empty(); });
     }
 
-    // Plays a sound file on the default sink; the returned child ends when it has been played.
-    std::unique_ptr<ChildProcess> play(const std::filesystem::path& file) const {
-        return std::make_unique<ChildProcess>(std::vector<std::string>{findProgram("paplay"), file.string()},
-                                              childOptions());
-    }
-
-    // Ends the daemon (SIGTERM, then SIGKILL) and waits for it to go, by its pidfd.
-    void stop() {
-        if (pid_ <= 0) return;
-        for (int signal : {SIGTERM, SIGKILL}) {
-            ::kill(pid_, signal);
-            pollfd entry{daemon_.get(), POLLIN, 0};
-            if (!daemon_ || ::poll(&entry, 1, 10000) > 0) break;
-        }
-        pid_ = -1;
-        daemon_ = Fd();
+    // Plays a sound file on the default sink, or on `sink`; the child ends when it has been played.
+    std::unique_ptr<ChildProcess> play(const std::filesystem::path& file, const std::string& sink = {}) const {
+        std::vector<std::string> argv{findProgram("paplay"), file.string()};
+        if (!sink.empty()) argv.push_back("--device=" + sink);
+        return std::make_unique<ChildProcess>(std::move(argv), childOptions());
     }
 
     std::string log() const {
-        std::ifstream file(folder_.path() / "pulseaudio.log");
-        return "\npulseaudio log:\n" + std::string(std::istreambuf_iterator<char>(file), {});
+        std::string text;
+        for (const char* program : {"pulseaudio", "pipewire", "wireplumber", "pipewire-pulse"}) {
+            std::ifstream file(logFile(program));
+            if (file) text += std::string("\n") + program + " log:\n" + std::string(std::istreambuf_iterator<char>(file), {});
+        }
+        return text;
     }
 
 private:
+    std::filesystem::path logFile(const std::string& program) const { return folder_.path() / (program + ".log"); }
+
+    void stopBus() {
+        if (busPid_ > 0) ::kill(std::exchange(busPid_, -1), SIGTERM);
+    }
+
     static std::vector<std::string> lines(const std::string& text) {
         std::vector<std::string> result;
         std::istringstream stream(text);
@@ -114,12 +187,24 @@ private:
         return result;
     }
 
+    Kind kind_;
     TemporaryFolder folder_;
     std::vector<std::string> environment_;
-    pid_t pid_ = -1;
+    pid_t busPid_ = -1;
+    pid_t pid_ = -1;  // the PulseAudio daemon, which detaches itself
     Fd daemon_;
-    std::unique_ptr<ChildProcess> keepBusy_;
+    std::vector<std::unique_ptr<ChildProcess>> processes_;  // PipeWire's three
+    std::vector<std::unique_ptr<ChildProcess>> keepBusy_;
 };
+
+using PulseAudioServer = SoundServer;
+
+// Both servers, for tests that run on each.
+inline constexpr SoundServer::Kind soundServerKinds[] = {SoundServer::Kind::pulseaudio, SoundServer::Kind::pipewire};
+template <class ParamInfo>  // a GoogleTest TestParamInfo, for readable test names
+std::string soundServerName(const ParamInfo& info) {
+    return info.param == SoundServer::Kind::pipewire ? "PipeWire" : "PulseAudio";
+}
 
 // Sound files for the tests, made with sox and espeak-ng in a folder of their own.
 class TestSignals {
