@@ -45,7 +45,13 @@ mkdir -m 700 "$XDG_RUNTIME_DIR"
 unset PULSE_SERVER PULSE_RUNTIME_PATH PULSE_SINK PULSE_SOURCE DISPLAY WAYLAND_DISPLAY
 pulseaudio --daemonize=yes --exit-idle-time=-1 -n --load=module-native-protocol-unix \
     --load="module-null-sink sink_name=scale_sink" --log-target="file:$work/pulseaudio.log"
-pids+=("$(cat "$XDG_RUNTIME_DIR/pulse/pid")")
+pulse_pid=$(cat "$XDG_RUNTIME_DIR/pulse/pid")
+# The daemon is no child of ours, so it is waited for by polling before the scratch folder goes.
+stop_pulse() {
+    kill "$pulse_pid" 2>/dev/null || true
+    for _ in $(seq 100); do kill -0 "$pulse_pid" 2>/dev/null || return 0; sleep 0.1; done
+}
+trap 'stop_pulse; cleanup' EXIT
 # Keeps the null sink rendering (an idle one renders in bursts) with something worth capturing.
 total=$((seconds * 3 + 120))
 sox -q -n -t raw -r 48000 -c 2 -b 16 -e signed-integer - synth "$total" sine 440 vol 0.5 2>/dev/null |
