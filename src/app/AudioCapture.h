@@ -10,8 +10,8 @@
 
 namespace orvel {
 
-// The capture byte stream: 16-bit little-endian mono samples, in buffers as the platform
-// delivers them, unbounded. Ending it in any way (its consumer stops, is cancelled, or the
+// The capture byte stream: 16-bit little-endian mono samples in chunks of 100 ms (rate / 10
+// samples), from the moment the capture started for this stream. Ending it in any way (its consumer stops, is cancelled, or the
 // capture fails) stops the capture.
 using AudioCaptureStream = AudioCaptureDelegate::ByteStream;
 
@@ -25,7 +25,7 @@ struct AudioCaptureEnvironment {
 };
 
 // Starts capturing what the machine plays, 1 channel at sampleRate, and returns the running
-// byte stream. Throws AudioCaptureError when the delegate refuses the rate (before anything else
+// byte stream; a capture of its own (CaptureHub shares one capture per rate between pages). Throws AudioCaptureError when the delegate refuses the rate (before anything else
 // is made), or the platform's error when adding outputs or starting fails. Logs "Starting audio
 // capture." before the start; the byte stream's end logs "Stream will close, stopping audio
 // capture." and "Stopped audio capture.".

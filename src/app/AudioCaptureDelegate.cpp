@@ -64,6 +64,10 @@ void AudioCaptureDelegate::didStopWithError(std::exception_ptr error) {
 
 void AudioCaptureDelegate::convertSampleBuffer(const platform::SampleBuffer& buffer,
                                                const Continuation& continuation) const {
+    continuation.yield(convert(buffer));
+}
+
+AudioCaptureDelegate::Bytes AudioCaptureDelegate::convert(const platform::SampleBuffer& buffer) const {
     if (!buffer.formatDescription) throw AudioCaptureError::noBufferFormatDescription();
     const platform::AudioStreamDescription& description = *buffer.formatDescription;
     if (description.channelsPerFrame != 1) throw AudioCaptureError::wrongChannelCount(description.channelsPerFrame);
@@ -95,7 +99,7 @@ void AudioCaptureDelegate::convertSampleBuffer(const platform::SampleBuffer& buf
         std::memcpy(aligned.data(), data.data(), frames * sizeof(float));
         convertToInt16LE(aligned, bytes.data());
     }
-    continuation.yield(std::move(bytes));
+    return bytes;
 }
 
 }  // namespace orvel

@@ -45,6 +45,7 @@ public:
 
     // The per-buffer checks and the conversion; throws AudioCaptureError.
     void convertSampleBuffer(const platform::SampleBuffer& buffer, const Continuation& continuation) const;
+    Bytes convert(const platform::SampleBuffer& buffer) const;
 
 private:
     std::int64_t expectedSampleRate_;

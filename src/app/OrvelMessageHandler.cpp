@@ -3,6 +3,7 @@
 #include "app/AppLogger.h"
 #include "app/AudioCaptureConfig.h"
 #include "app/AudioCaptureError.h"
+#include "app/CaptureHub.h"
 #include "app/StreamCount.h"
 #include "async/Error.h"
 #include "async/Sleep.h"
@@ -76,9 +77,9 @@ struct OrvelMessageHandler::Connections {
 
 // One capture service for all connections: one sound-server connection for the whole app.
 OrvelMessageHandler::OrvelMessageHandler()
-    : OrvelMessageHandler([environment = AudioCaptureEnvironment::standard()](std::int64_t rate) {
-          return startAudioCapture(rate, environment);
-      }, appLogger()) {}
+    : OrvelMessageHandler([hub = std::make_shared<CaptureHub>(AudioCaptureEnvironment::standard())](
+                              std::int64_t rate) { return hub->start(rate); },
+                          appLogger()) {}
 
 OrvelMessageHandler::OrvelMessageHandler(CaptureStart startCapture, net::Logger logger,
                                          std::chrono::nanoseconds configurationTimeout)
@@ -167,6 +168,10 @@ async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::Asy
         // The capture took the rate, so it is small enough to multiply.
         if (setSendBudget) setSendBudget(static_cast<std::size_t>(rate) * 2 * sendBudgetSeconds);
         while (auto bytes = co_await capture.next()) {
+            if (buffer.empty() && bytes->size() == chunk) {  // the shared capture's chunks: no copy
+                outgoing.yield(WSMessage::data(std::move(*bytes)));
+                continue;
+            }
             buffer.insert(buffer.end(), bytes->begin(), bytes->end());
             std::size_t sent = 0;
             while (buffer.size() - sent >= chunk) {

@@ -25,7 +25,7 @@ inline constexpr std::chrono::seconds defaultConfigurationTimeout{60};
 // connection ends. Shared by every connection; each gets its own streaming task.
 class OrvelMessageHandler final : public http::WSMessageHandler {
 public:
-    // The machine's capture and the application's log.
+    // The machine's capture, one per rate shared by all its connections, and the application's log.
     OrvelMessageHandler();
     OrvelMessageHandler(CaptureStart startCapture, net::Logger logger,
                         std::chrono::nanoseconds configurationTimeout = defaultConfigurationTimeout);

@@ -80,6 +80,11 @@ public:
 
     void finish(std::exception_ptr error) { terminate(Termination::finished, std::move(error)); }
 
+    std::size_t bufferedCount() {
+        std::lock_guard lock(mutex_);
+        return buffer_.size();
+    }
+
     void setOnTermination(std::function<void(Termination)> handler) {
         std::optional<Termination> already;
         {
@@ -177,6 +182,9 @@ public:
         {
             state_->finish(std::move(error));
         }
+        // Elements yielded and not yet taken by the consumer: lets a producer that must not wait
+        // drop a consumer that falls too far behind.
+        std::size_t bufferedCount() const { return state_->bufferedCount(); }
         // Runs exactly once: when the stream is finished, or when its consumer is cancelled or goes away.
         void onTermination(std::function<void(Termination)> handler) const { state_->setOnTermination(std::move(handler)); }
 

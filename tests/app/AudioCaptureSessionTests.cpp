@@ -1,6 +1,8 @@
 #include "app/AudioCapture.h"
 
 #include "app/AudioCaptureTestSupport.h"
+#include "app/CaptureHub.h"
+#include "app/SharedCapture.h"
 #include "async/Spawn.h"
 #include "platform/PulseAudioError.h"
 
@@ -72,14 +74,14 @@ TEST_F(AudioCaptureSession, AFailedStartOrOutputPassesThePlatformErrorOnAndRelea
 }
 
 TEST_F(AudioCaptureSession, BuffersBeforeTheByteStreamExistsAreDropped) {
-    const std::vector<float> early{1.0f}, later{0.5f};
+    const std::vector<float> early(4800, 1.0f), later(4800, 0.5f);  // 100 ms each
     service_->next = std::make_shared<test::FakeCaptureStream::Record>();
     service_->next->duringStart = [&](test::FakeCaptureStream::Record& record) { test::deliver(record, floatBuffer(early)); };
     auto bytes = start();
     test::deliver(stream(), floatBuffer(later));
     const auto first = test::next(bytes);
     ASSERT_TRUE(first.has_value());
-    EXPECT_THAT(test::samplesOf(*first), ElementsAre(16384));
+    EXPECT_EQ(test::samplesOf(*first), std::vector<std::int16_t>(4800, 16384));
 }
 
 // Iterates the byte stream until it ends, counting elements; signals after the first one.
@@ -95,7 +97,7 @@ TEST_F(AudioCaptureSession, ACancelledConsumerEndsWithoutErrorAndTheCaptureStops
     auto gotOne = std::make_shared<std::promise<void>>();
     auto received = gotOne->get_future();
     auto consumer = async::spawn(consume(start(), gotOne));
-    const std::vector<float> samples{0.25f};
+    const std::vector<float> samples(4800, 0.25f);
     test::deliver(stream(), floatBuffer(samples));
     ASSERT_EQ(received.wait_for(std::chrono::seconds(20)), std::future_status::ready);
     consumer.cancel();
@@ -133,6 +135,75 @@ TEST_F(AudioCaptureSession, AStopWithErrorAfterTheEndDoesNothing) {
     EXPECT_EQ(stream().stops, 1);
     EXPECT_THAT(logger_->lines(), ::testing::ElementsAreArray(stopLines));
     EXPECT_TRUE(stream().destroyed) << "the platform stream lives only as long as the byte stream";
+}
+
+std::vector<std::int16_t> runs(std::initializer_list<std::pair<std::size_t, std::int16_t>> parts) {
+    std::vector<std::int16_t> samples;
+    for (auto [count, value] : parts) samples.insert(samples.end(), count, value);
+    return samples;
+}
+
+// Pages at 16000 Hz (chunks of 1600 samples) and one at 8000 Hz, on one hub.
+TEST_F(AudioCaptureSession, PagesAtARateShareOnePlatformStreamEachCutFromItsOwnStart) {
+    CaptureHub hub({service_, logger_});
+    std::optional<AudioCaptureStream> first = async::syncWait(hub.start(16000));
+    auto other = async::syncWait(hub.start(8000));
+    test::deliver(stream(0), floatBuffer(std::vector<float>(1000, 0.5f), 16000.0));
+    std::optional<AudioCaptureStream> late = async::syncWait(hub.start(16000));
+    test::deliver(stream(0), floatBuffer(std::vector<float>(2200, 0.25f), 16000.0));
+    EXPECT_EQ(service_->made.size(), 2u) << "one platform stream per rate";
+    EXPECT_EQ(test::samplesOf(*test::next(*first)), runs({{1000, 16384}, {600, 8192}}));
+    EXPECT_EQ(test::samplesOf(*test::next(*first)), runs({{1600, 8192}}));
+    EXPECT_EQ(test::samplesOf(*test::next(*late)), runs({{1600, 8192}})) << "nothing from before its start";
+
+    first.reset();
+    EXPECT_EQ(stream(0).stops, 0) << "a page leaving stops nothing while another reads";
+    test::deliver(stream(0), floatBuffer(std::vector<float>(1000, 0.0f), 16000.0));
+    EXPECT_EQ(test::samplesOf(*test::next(*late)), runs({{600, 8192}, {1000, 0}}));
+    late.reset();
+    EXPECT_EQ(stream(0).stops, 1) << "the last page's leaving stops it";
+    EXPECT_TRUE(stream(0).destroyed);
+    EXPECT_EQ(stream(1).stops, 0) << "the other rate goes on";
+    auto again = async::syncWait(hub.start(16000));
+    EXPECT_EQ(service_->made.size(), 3u) << "a page after the last starts anew";
+    const auto lines = logger_->lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "info: Starting audio capture."), 4);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "info: Stopped audio capture."), 2);
+}
+
+// Whatever ends a shared capture ends every page at its rate, and only those.
+TEST_F(AudioCaptureSession, ASharedCaptureFailureReachesEveryPageAtItsRate) {
+    const std::function<void(test::FakeCaptureStream::Record&)> failures[] = {
+        [](auto& record) { record.delegate->didStopWithError(std::make_exception_ptr(platform::PulseAudioError::failed("Capture", 11))); },
+        [](auto& record) { test::deliver(record, floatBuffer(std::vector<float>(2, 0.0f), 48000.0, 2)); },
+    };
+    for (const auto& fail : failures) {
+        CaptureHub hub({service_, logger_});
+        const auto made = service_->made.size();
+        AudioCaptureStream pages[] = {async::syncWait(hub.start(48000)), async::syncWait(hub.start(48000))};
+        auto other = async::syncWait(hub.start(16000));
+        fail(stream(made));
+        for (auto& page : pages) EXPECT_ANY_THROW(test::next(page));
+        EXPECT_EQ(stream(made).stops, 1);
+        test::deliver(stream(made + 1), floatBuffer(std::vector<float>(1600, 0.0f), 16000.0));
+        EXPECT_TRUE(test::next(other).has_value()) << "the other rate goes on";
+    }
+}
+
+// The capture thread never waits for a page: one that leaves 10 s unread is dropped alone.
+TEST_F(AudioCaptureSession, APageThatDoesNotReadIsDroppedWithoutHoldingUpTheOthers) {
+    CaptureHub hub({service_, logger_});
+    auto reading = async::syncWait(hub.start(8000));
+    auto stalled = async::syncWait(hub.start(8000));
+    const std::vector<float> chunk(800, 0.25f);
+    for (std::size_t i = 0; i <= SharedCapture::maximumUnreadChunks; ++i) {
+        test::deliver(stream(), floatBuffer(chunk, 8000.0));
+        ASSERT_TRUE(test::next(reading).has_value()) << "chunk " << i;
+    }
+    std::size_t unread = 0;
+    EXPECT_THROW(while (test::next(stalled)) ++unread, SharedCapture::ReaderTooSlow);
+    EXPECT_EQ(unread, SharedCapture::maximumUnreadChunks);
+    EXPECT_EQ(stream().stops, 0);
 }
 
 }  // namespace

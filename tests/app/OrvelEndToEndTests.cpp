@@ -118,9 +118,9 @@ TEST_F(OrvelEndToEnd, OtherRequestsMeetTheOriginTestThenTheHandshakeRules) {
     EXPECT_THAT(orvel->output(), Not(HasSubstr("Streaming connections:")));
 }
 
-// Two pages at once, at 48000 and 16000 Hz: each gets 100 ms messages (what they hold is checked
-// by the capture's own test and the browser's), the count follows them, and neither a vanished
-// nor a closed page leaves a capture behind.
+// Three pages at once, two at 48000 Hz and one at 16000 Hz, on one record stream per rate: each
+// gets 100 ms messages (what they hold is checked by the capture's own test and the browser's),
+// the count follows them, and neither a vanished nor a closed page leaves a capture behind.
 TEST_F(OrvelEndToEnd, StreamsToEachPageInHundredMillisecondMessages) {
     test::PulseAudioServer pulse;
     auto orvel = start({{"PULSE_SERVER", pulse.server()}});
@@ -129,8 +129,9 @@ TEST_F(OrvelEndToEnd, StreamsToEachPageInHundredMillisecondMessages) {
         test::WebSocketClient client;
     };
     Page pages[] = {{48000, test::WebSocketClient("http://localhost:3000")},
-                    {16000, test::WebSocketClient("https://app.tamrix.com")}};
-    for (std::size_t i = 0; i < 2; ++i) {
+                    {16000, test::WebSocketClient("https://app.tamrix.com")},
+                    {48000, test::WebSocketClient("http://localhost")}};
+    for (std::size_t i = 0; i < 3; ++i) {
         ASSERT_EQ(pages[i].client.statusLine(), "HTTP/1.1 101 Switching Protocols");
         pages[i].client.sendText(R"({"type": "loopback", "sample_rate": )" + std::to_string(pages[i].rate) + "}");
         ASSERT_TRUE(orvel->waitForLine("Streaming connections: " + std::to_string(i + 1) + "."));
@@ -146,8 +147,9 @@ TEST_F(OrvelEndToEnd, StreamsToEachPageInHundredMillisecondMessages) {
     EXPECT_EQ(pulse.sourceOutputs().size(), 2u);
 
     pages[0].client.drop();  // no closing handshake: the socket just goes
-    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
+    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 2."));
     pages[1].client.close();
+    pages[2].client.close();
     EXPECT_TRUE(orvel->waitForLine("Stopped audio capture."));
     ASSERT_TRUE(orvel->waitForLine("Streaming connections: 0."));
     EXPECT_TRUE(pulse.waitUntilNoSourceOutputs()) << "a capture outlived its page";

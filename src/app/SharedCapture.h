@@ -1,0 +1,91 @@
+#pragma once
+#include "app/AudioCaptureDelegate.h"
+#include "async/Error.h"
+#include "net/Logging.h"
+#include "platform/CaptureStream.h"
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace orvel {
+
+// One platform capture at one rate, read by every page streaming at that rate. Each buffer is
+// checked and converted once, then cut into each reader's own 100 ms chunks from the moment that
+// reader joined, so a page is woken once per message whatever the platform's buffer size. The
+// capture thread never waits for a reader: one that leaves too much unread is dropped. Found and
+// made by CaptureHub. The platform stream holds this object as its output and delegate, and this
+// holds the platform stream until the capture ends (failure, or the last reader leaving), which
+// breaks that cycle. Any thread.
+class SharedCapture final : public platform::StreamOutput,
+                            public platform::StreamDelegate,
+                            public std::enable_shared_from_this<SharedCapture> {
+public:
+    using Bytes = AudioCaptureDelegate::Bytes;
+    using Output = AudioCaptureDelegate::Continuation;
+
+    // Ends the byte stream of a reader that left maximumUnreadChunks chunks unread.
+    class ReaderTooSlow final : public async::Error {
+    public:
+        ReaderTooSlow() : Error("The page's task fell 10 s behind its capture") {}
+    };
+
+    // 10 s: as much as a page's connection may hold unsent. A reader this far behind is a task
+    // that does not run, and keeping more would only grow memory.
+    static constexpr std::size_t maximumUnreadChunks = 100;
+
+    // Throws AudioCaptureError::cannotCreateSourceFormat for a rate the delegate refuses.
+    SharedCapture(std::int64_t sampleRate, net::Logger logger);
+    ~SharedCapture() override;
+
+    std::int64_t sampleRate() const noexcept { return delegate_.expectedSampleRate(); }
+
+    // Makes the platform stream (1 channel at the rate) and adds this as its screen and audio
+    // output. Throws the platform's error; the capture has then ended with it.
+    void open(platform::CaptureService& service);
+    // Starts the opened platform stream; whenStarted tells every waiter the outcome.
+    void start();
+
+    // Adds a reader whose chunks go to `output` once the capture runs; 0 when the capture has
+    // already ended (the page must start a new one).
+    std::uint64_t join(Output output);
+    // Calls `started` once: with nullptr when the capture runs, or with the error that ended it.
+    void whenStarted(std::function<void(std::exception_ptr)> started);
+    // Removes a reader (one already dropped is fine); the last one to leave stops the capture.
+    void leave(std::uint64_t reader);
+
+    void didOutputSampleBuffer(const platform::SampleBuffer& buffer, platform::StreamOutputType type) override;
+    // Every reader's byte stream ends with the error.
+    void didStopWithError(std::exception_ptr error) override;
+
+private:
+    enum class Phase { starting, running, ended };
+    struct Reader {
+        std::uint64_t id;
+        Output output;
+        Bytes pending;  // less than a chunk, waiting for more samples
+    };
+    struct Shared {  // under mutex_
+        Phase phase = Phase::starting;
+        std::exception_ptr error;
+        std::vector<Reader> readers;
+        std::vector<std::function<void(std::exception_ptr)>> waiting;
+        std::shared_ptr<platform::CaptureStream> stream;
+        std::uint64_t lastId = 0;
+    };
+
+    // Ends the capture: waiters and readers get the error, the platform stream is released
+    // (asked to stop first when it ran).
+    void end(std::exception_ptr error, bool stopStream);
+
+    AudioCaptureDelegate delegate_;
+    net::Logger logger_;
+    std::size_t chunkBytes_;
+    std::mutex mutex_;
+    Shared shared_;
+};
+
+}  // namespace orvel
