@@ -1,4 +1,3 @@
-#include "async/Sleep.h"
 #include "net/AsyncSocket.h"
 #include "net/Timeout.h"
 
@@ -63,15 +62,6 @@ async::Task<AsyncSocket> connectTo(AnySocketAddress address, std::shared_ptr<Soc
     co_return co_await AsyncSocket::connected(address, pool);
 }
 
-// Writes `data` one byte per call, each after the reader has had to wait for it.
-async::Task<void> tricklePerByte(AsyncSocket socket, Bytes data, SocketPool* pool) {
-    for (auto byte : data) {
-        while (pool->waitingCount() == 0)
-            co_await async::sleep(std::chrono::microseconds(50));
-        co_await socket.write(std::span<const std::uint8_t>(&byte, 1));
-    }
-}
-
 // Counts accepted connections until the sequence ends.
 async::Task<int> acceptUntilEnd(AsyncSocket listener) {
     auto sequence = listener.sockets();
@@ -128,16 +118,6 @@ AnySocketAddress addressOf(const AsyncSocket& listener) {
 }  // namespace
 
 using AsyncSocketReading = test::RunningPool;
-
-TEST_F(AsyncSocketReading, ReadBytesCollectsAcrossManyPartialWrites) {
-    auto [reader, writer] = AsyncSocket::makePair(pool);
-    Closing a(reader), b(writer);
-    const auto data = pattern(40);
-    auto read = async::spawn(readBytes(reader, data.size()));
-    auto write = async::spawn(tricklePerByte(writer, data, pool.get()));
-    EXPECT_EQ(read.wait(), data);
-    EXPECT_EQ(outcome(write), "");
-}
 
 TEST_F(AsyncSocketReading, ReadAtMostTakesOneReadOfAtMost4096BytesAndZeroBytesMakeNoCall) {
     auto [reader, writer] = AsyncSocket::makePair(pool);

@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <future>
 #include <memory>
 
@@ -24,15 +23,6 @@ using Error = EventNotification::Error;
 using Event = Socket::Event;
 
 namespace {
-
-// How many registrations the kernel holds for `fd` in epoll instance `epoll`.
-std::size_t kernelRegistrations(Socket::FileDescriptor epoll, int fd) {
-    std::ifstream info("/proc/self/fdinfo/" + std::to_string(epoll.rawValue));
-    std::size_t found = 0;
-    for (std::string line; std::getline(info, line);)
-        found += line.starts_with("tfd:") && std::stoi(line.substr(4)) == fd;
-    return found;
-}
 
 Logger logger() { return std::make_shared<DisabledLogger>(); }
 
@@ -53,7 +43,9 @@ protected:
         EXPECT_EQ(waited.wait_for(std::chrono::seconds(60)), std::future_status::ready);
         return waited.get();
     }
-    std::size_t kernelRegistrations(const Pair& pair) const { return ::kernelRegistrations(queue->file(), pair.first.get()); }
+    std::size_t kernelRegistrations(const Pair& pair) const {
+        return orvel::test::epollWatch(queue->file().rawValue, pair.first.get()).has_value();
+    }
 
     std::unique_ptr<EPoll> queue;
 };

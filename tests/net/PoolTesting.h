@@ -10,9 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/epoll.h>
+
 #include <chrono>
 #include <exception>
+#include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,6 +33,16 @@ bool eventually(Condition condition) {
         std::this_thread::yield();
     }
     return true;
+}
+
+// The events (EPOLLIN, EPOLLOUT) the kernel watches `fd` for in the epoll instance, read from
+// /proc/self/fdinfo; nothing when it is not registered there.
+inline std::optional<std::uint32_t> epollWatch(int epoll, int fd) {
+    std::ifstream info("/proc/self/fdinfo/" + std::to_string(epoll));
+    for (std::string line; std::getline(info, line);)
+        if (line.starts_with("tfd:") && std::stoi(line.substr(4)) == fd)
+            return std::stoul(line.substr(line.find("events:") + 7), nullptr, 16) & (EPOLLIN | EPOLLOUT);
+    return std::nullopt;
 }
 
 // What a finished task raised, or "" when it returned. Blocks until it ends.

@@ -59,13 +59,17 @@ private:
     std::shared_ptr<std::promise<std::vector<WSMessage>>> done_ = std::make_shared<std::promise<std::vector<WSMessage>>>();
 };
 
-async::Task<std::vector<WSFrame>> run(std::shared_ptr<WSMessageHandler> handler, std::vector<WSFrame> incoming) {
-    MessageFrameWSHandler handlers(std::move(handler), 16384);
-    auto in = std::make_shared<ListedFrames>(std::move(incoming));
-    auto frames = co_await handlers.makeFrames(std::move(in));
+async::Task<std::vector<WSFrame>> collect(MessageFrameWSHandler* handler, std::shared_ptr<WSFrameSequence> incoming) {
+    auto frames = co_await handler->makeFrames(std::move(incoming));
     std::vector<WSFrame> out;
     while (auto f = co_await frames.next()) out.push_back(std::move(*f));
     co_return out;
+}
+
+// Every frame the handler sends to a peer that sends `incoming` and goes.
+std::vector<WSFrame> run(std::shared_ptr<WSMessageHandler> handler, std::vector<WSFrame> incoming) {
+    MessageFrameWSHandler handlers(std::move(handler), 16384);
+    return async::syncWait(collect(&handlers, std::make_shared<ListedFrames>(std::move(incoming))));
 }
 
 TEST(WSOutgoingFraming, CutsMessagesIntoFramesOfAtMostFrameSize) {
@@ -85,14 +89,14 @@ TEST(WSOutgoingFraming, CutsMessagesIntoFramesOfAtMostFrameSize) {
 
 TEST(WSMessageExchange, DeliversMessagesBeforeThePeersCloseOrAProtocolErrorAndNothingAfter) {
     auto app = std::make_shared<RecordingHandler>();
-    auto out = async::syncWait(run(app, {frame(Opcode::binary, true, {9}), frame(Opcode::close, true, {0x03, 0xE8}),
-                                         frame(Opcode::text, true, bytesOf("late"))}));
+    auto out = run(app, {frame(Opcode::binary, true, {9}), frame(Opcode::close, true, {0x03, 0xE8}),
+                         frame(Opcode::text, true, bytesOf("late"))});
     EXPECT_THAT(out, ElementsAre(WSFrame::close("Goodbye")));
     EXPECT_THAT(app->received(), ElementsAre(WSMessage::data({9})));
 
     app = std::make_shared<RecordingHandler>();
-    out = async::syncWait(run(app, {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, false, bytesOf("dropped")),
-                                    frame(Opcode::text, true, {0xFF}), frame(Opcode::text, true, bytesOf("late"))}));
+    out = run(app, {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, false, bytesOf("dropped")),
+                    frame(Opcode::text, true, {0xFF}), frame(Opcode::text, true, bytesOf("late"))});
     EXPECT_THAT(out, ElementsAre(protocolError));
     EXPECT_THAT(app->received(), ElementsAre(WSMessage::text("ok")));
 }
@@ -133,8 +137,6 @@ TEST(WSOutgoingFrameStream, TerminationRunsOnceWhenTheReaderIsCancelledOrDropsTh
 
 TEST(WSOutgoingFrameStream, ABacklogPastItsBudgetDropsWhatIsQueuedAndEndsWithClientTooSlow) {
     const WSFrame tooSlow = WSFrame::close(1008, "Client too slow");
-    EXPECT_THAT(tooSlow.payload, ElementsAre(0x03, 0xF0, 'C', 'l', 'i', 'e', 'n', 't', ' ', 't', 'o', 'o', ' ', 's',
-                                             'l', 'o', 'w'));
     auto [frames, producer] = WSFrameStream::make(1000);  // a 100-byte payload takes 102 bytes
     std::vector<std::size_t> overflows;
     frames.onOverflow([&](std::size_t budget) { overflows.push_back(budget); });
@@ -175,7 +177,7 @@ public:
 
 TEST(WSMessageExchange, NothingFollowsTheCloseReplyEvenWhileTheApplicationSends) {
     for (int round = 0; round < 1000; ++round) {
-        auto out = async::syncWait(run(std::make_shared<ChattyHandler>(), {frame(Opcode::close, true, {0x03, 0xE8})}));
+        auto out = run(std::make_shared<ChattyHandler>(), {frame(Opcode::close, true, {0x03, 0xE8})});
         ASSERT_FALSE(out.empty());
         ASSERT_EQ(out.back(), WSFrame::close("Goodbye")) << "round " << round << ", " << out.size() << " frames";
     }
@@ -224,13 +226,6 @@ private:
     std::shared_ptr<std::atomic<std::size_t>> read_;
     std::optional<async::AsyncStream<WSMessage>::Continuation> producer_;
 };
-
-async::Task<std::vector<WSFrame>> collect(MessageFrameWSHandler* handler, std::shared_ptr<WSFrameSequence> incoming) {
-    auto frames = co_await handler->makeFrames(std::move(incoming));
-    std::vector<WSFrame> out;
-    while (auto f = co_await frames.next()) out.push_back(std::move(*f));
-    co_return out;
-}
 
 TEST(WSMessageExchange, TheReaderWaitsWhileTheApplicationHasMoreThan16MiBUnread) {
     auto [gate, opener] = async::AsyncStream<int>::make();

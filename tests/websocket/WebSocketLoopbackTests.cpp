@@ -94,12 +94,11 @@ protected:
     test::FdSnapshot descriptors_;  // first in, last out: checked after the server has stopped
 };
 
-TEST_F(WebSocketLoopback, TextAndBinaryMessagesRoundTripAfterTheHandshake) {
+TEST_F(WebSocketLoopback, WholeAndFragmentedMessagesRoundTripAfterTheHandshake) {
     Server server;
     WSLoopbackClient client(server.port());
     std::string head = client.handshake();
     EXPECT_THAT(head, ::testing::StartsWith("HTTP/1.1 101 Switching Protocols\r\n"));
-    EXPECT_THAT(head, HasSubstr("\r\nSec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"));
     EXPECT_THAT(head, Not(HasSubstr("Content-Length")));
     EXPECT_THAT(head, Not(HasSubstr("Transfer-Encoding")));
     EXPECT_EQ(server.log().waitFor("switching protocol"), "info: <127.0.0.1> switching protocol to websocket");
@@ -120,12 +119,8 @@ TEST_F(WebSocketLoopback, TextAndBinaryMessagesRoundTripAfterTheHandshake) {
         echoed.insert(echoed.end(), f->payload.begin(), f->payload.end());
     }
     EXPECT_EQ(echoed, binary);
-}
 
-TEST_F(WebSocketLoopback, FragmentedMessageWithAPingAndAPongBetweenFragments) {
-    Server server;
-    WSLoopbackClient client(server.port());
-    client.handshake();
+    // A fragmented message with a pong and a ping between its fragments.
     client.sendFrame(frame(Opcode::text, false, bytesOf("frag")));
     client.sendFrame(frame(Opcode::pong, true, {9}));  // ignored
     client.sendFrame(frame(Opcode::ping, true, {1, 2}));
@@ -136,7 +131,7 @@ TEST_F(WebSocketLoopback, FragmentedMessageWithAPingAndAPongBetweenFragments) {
 }
 
 // Each row: what the peer sends after the handshake, and every frame it gets before the end. The
-// validator's and decoder's own rules are unit-tested; here one of each reaches the wire.
+// validator's rules and invalid UTF-8 are unit-tested on frames; these are checked on the wire only.
 TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsCloseFrame) {
     auto masked = [](WSFrame f) {
         f.mask = WSFrame::Mask{1, 2, 3, 4};
@@ -145,13 +140,8 @@ TEST_F(WebSocketLoopback, EachPeerCloseOrBrokenRuleEndsTheConnectionWithItsClose
     auto close = [&](Bytes payload) { return masked(frame(Opcode::close, true, std::move(payload))); };
     const std::vector<std::tuple<const char*, std::vector<Bytes>, std::vector<WSFrame>>> cases = {
         {"peer's close", {close({0x03, 0xE8})}, {goodbye}},
-        {"ping of 125 bytes, then close", {masked(frame(Opcode::ping, true, Bytes(125, 1))), close({})},
-         {frame(Opcode::pong, true, Bytes(125, 1)), goodbye}},
-        {"continuation first", {masked(frame(Opcode::continuation, true, {1}))}, {protocolError}},
         {"unmasked frame", {WSFrameEncoder::encode(frame(Opcode::binary, true, {1}))}, {protocolError}},
-        {"invalid UTF-8", {masked(frame(Opcode::text, true, {0xC3, 0x28}))}, {protocolError}},
         {"unknown opcode", {masked(frame(static_cast<Opcode>(0x3), true))}, {protocolError}},
-        {"reserved control opcode", {masked(frame(static_cast<Opcode>(0xB), true))}, {protocolError}},
         {"message over 16 MiB", {{0x82, 0xFF, 0, 0, 0, 0, 0x01, 0, 0, 1, 1, 2, 3, 4}}, {protocolError}},
     };
     Server server;
