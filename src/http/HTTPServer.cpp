@@ -322,6 +322,9 @@ async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
         logger->logInfo([&] { return "<" + host + "> request: " + request->method.rawValue + " " + request->path; });
         HTTPResponse response = co_await handleRequest(std::move(*request), handlers, handlerScope);
         try {
+            // What the handler left of the body goes before the response: the peer may not read
+            // until it has sent it all, and the next request stands behind it.
+            co_await connection->requests().finishBody();
             co_await connection->send(std::move(response));
             connection->reader().expectIdle();
         } catch (...) {
