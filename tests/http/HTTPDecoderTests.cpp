@@ -3,10 +3,13 @@
 #include "HTTPTestSupport.h"
 #include "async/Spawn.h"
 #include "http/HTTPRequestSequence.h"
+#include "net/AsyncBufferedFileSequence.h"
 #include "net/SocketError.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <deque>
@@ -212,14 +215,39 @@ TEST(HTTPBodyChunkedTransfer, FramesEachBufferAndEndsWithTheLastChunk) {
     EXPECT_EQ(framed, "05\r\nhhhhh\r\n0A\r\n" + std::string(10, 'h') + "\r\n1000\r\n" + std::string(4096, 'h') + "\r\n0\r\n\r\n");
 }
 
-TEST(HTTPBodyInMemory, ReplaysInBuffersOfTheGivenSize) {
-    HTTPBodySequence body(std::string(10, 'x'), 4);
-    for (int pass = 0; pass < 2; ++pass) {
-        auto iterator = body.makeIterator();
-        std::vector<std::size_t> sizes;
-        while (auto buffer = async::syncWait(iterator.next())) sizes.push_back(buffer->size());
-        EXPECT_THAT(sizes, ElementsAre(4u, 4u, 2u));
+// Bytes in memory, a file and a shared source all replay: every pass yields every byte in
+// buffers of the given size. The shared source is read once, never past its count, and its
+// flusher reads what no pass took; a file's size is read when the body is made.
+TEST(HTTPBodyReplay, EveryReplayableFormYieldsAllBytesOnEveryPass) {
+    char path[] = "/tmp/orvel-body-XXXXXX";
+    int fd = ::mkstemp(path);
+    ASSERT_EQ(::write(fd, "hhhhhhhhhh", 10), 10);
+    ::close(fd);
+    auto source = std::make_shared<SizedBuffers>(std::vector<std::size_t>{4, 4, 4, 4});
+    const std::tuple<const char*, HTTPBodySequence, bool> bodies[] = {
+        {"memory", HTTPBodySequence(std::string(10, 'h'), 4), false},
+        {"file", HTTPBodySequence::file(path, 4), false},
+        {"shared", HTTPBodySequence::shared(source, 10, 4), true},
+    };
+    for (const auto& [name, body, flushable] : bodies) {
+        EXPECT_TRUE(body.canReplay()) << name;
+        EXPECT_EQ(body.count(), 10) << name;
+        EXPECT_EQ(body.flusher() != nullptr, flushable) << name;
+        for (int pass = 0; pass < 2; ++pass) {
+            auto iterator = body.makeIterator();
+            std::vector<std::size_t> sizes;
+            while (auto buffer = async::syncWait(iterator.next())) sizes.push_back(buffer->size());
+            EXPECT_THAT(sizes, ElementsAre(4u, 4u, 2u)) << name;
+        }
     }
+    EXPECT_EQ(source->reads, 3);
+    ::unlink(path);
+    EXPECT_THROW(HTTPBodySequence::file(path), net::AsyncBufferedFileSequence::FileError);
+    EXPECT_THROW(HTTPBodySequence::file("/tmp"), net::AsyncBufferedFileSequence::FileSizeError);
+
+    auto unread = std::make_shared<SizedBuffers>(std::vector<std::size_t>{4, 4, 4, 4});
+    async::syncWait(HTTPBodySequence::shared(unread, 10).flusher()->flush());
+    EXPECT_EQ(unread->reads, 3);
 }
 
 std::string header(const HTTPResponse& response) {
