@@ -40,6 +40,8 @@ public:
     // complete instead. Stopping cuts the read short without an error. next() does it too when
     // the caller did not.
     async::Task<void> finishBody();
+    // The last request's body may still be on the connection (finishBody() has work to do).
+    bool hasPendingBody() const noexcept { return pendingSource_ != nullptr; }
 
     // No further request is read; a decode in progress is cancelled. Any thread.
     void complete();

@@ -324,7 +324,7 @@ async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
         try {
             // What the handler left of the body goes before the response: the peer may not read
             // until it has sent it all, and the next request stands behind it.
-            co_await connection->requests().finishBody();
+            if (connection->requests().hasPendingBody()) co_await connection->requests().finishBody();
             co_await connection->send(std::move(response));
             connection->reader().expectIdle();
         } catch (...) {
