@@ -211,7 +211,7 @@ TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimit) {
     makeServer();
     start();
     // What the peer sends, and how often it then sends one more byte (0: never).
-    const std::string body = "POST /ignore HTTP/1.1\r\nContent-Length: 1000\r\n\r\n";  // read before the handler runs
+    const std::string body = "POST /ignore HTTP/1.1\r\nContent-Length: 1000\r\n\r\n";  // drained after the handler, on its clock
     const std::tuple<std::string, std::string, std::chrono::milliseconds, std::string> stalls[] = {
         {"nothing", "", 0ms, "0.4"},
         {"a trickled head", "GET /version HTTP/1.1\r\nX: ", 20ms, "0.4"},
