@@ -4,6 +4,7 @@
 #include "async/Sleep.h"
 #include "async/Spawn.h"
 #include "e2e/Process.h"
+#include "http/JSONPredicatePattern.h"
 #include "net/FdLeakCheck.h"
 #include "net/SocketError.h"
 #include "net/SocketPool.h"
@@ -237,6 +238,8 @@ TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimit) {
 TEST_F(HTTPServerTest, FramesRequestBodiesWithoutAmbiguity) {
     config.timeout = 60;  // the handler waits for a client that answers "100 Continue"
     makeServer();
+    server->appendRoute(HTTPRoute("POST /json", {}, std::make_shared<JSONPredicatePattern>("kind == 'a'")),
+                        [](HTTPRequest) -> async::Task<HTTPResponse> { co_return HTTPResponse(HTTPStatusCode::ok, {}, "json"); });
     start();
     const std::string head = "POST /echo HTTP/1.1\r\nConnection: keep-alive\r\n";
     const std::string smuggled = "GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n";
@@ -265,6 +268,7 @@ TEST_F(HTTPServerTest, FramesRequestBodiesWithoutAmbiguity) {
          false},
         {"100-continue, read", {{"POST /echo HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 3\r\n\r\n", {"HTTP/1.1 100 Continue\r\n\r\n"}}, {"abc", {"\r\n\r\nabc"}}}, false},
         {"100-continue, unread", {{"POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nExpect: 100-continue\r\nContent-Length: 3\r\n\r\n", {"HTTP/1.1 202"}}}, false},
+        {"a body matched after its head came", {{"POST /json HTTP/1.1\r\nContent-Length: 12\r\n\r\n", {}}, {"{\"kind\":\"a\"}", {"json"}}}, false},
         {"a head ended by a shutdown", {{"GET /version HTTP/1.1\r\nConnection: keep-alive\r\n", {"412"}}}, true},
     };
     for (const auto& [name, steps, shutdown] : cases) {
