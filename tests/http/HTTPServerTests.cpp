@@ -330,7 +330,8 @@ TEST_F(HTTPServerTest, StreamsARequestBodyToAHandlerThatStartsBeforeTheUploadEnd
         EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 10\r\n\r\nbbbbbbbbbb");
         client.send("GET /version HTTP/1.1\r\n\r\n");
         EXPECT_EQ(client.response(), okResponse);
-        EXPECT_LT(most - before, 16 << 20) << mebibytes << " MiB upload";
+        // Half the large upload: room for the replay buffer and a sanitizer's quarantine, never the body.
+        EXPECT_LT(most - before, 32 << 20) << mebibytes << " MiB upload";
     }
 }
 
