@@ -1,5 +1,8 @@
 #include "http/HTTPBodySequence.h"
 
+#include "net/AsyncBufferedFileSequence.h"
+#include "net/AsyncSharedReplaySequence.h"
+
 #include <algorithm>
 #include <cassert>
 #include <cstdlib>
@@ -24,14 +27,67 @@ HTTPBodySequence::HTTPBodySequence(std::shared_ptr<const std::string> bytes, std
 HTTPBodySequence::HTTPBodySequence(std::shared_ptr<Source> source, std::int64_t count, std::size_t bufferSize)
     : source_(std::move(source)), count_(count), bufferSize_(bufferSize) {}
 
-HTTPBodySequence HTTPBodySequence::chunked(std::shared_ptr<Source> source, std::size_t bufferSize) {
-    HTTPBodySequence body(std::make_shared<HTTPChunkedTransferEncoder>(std::move(source)), 0, bufferSize);
+namespace {
+
+class SharedPasses final : public HTTPBodySequence::Passes {
+public:
+    SharedPasses(std::shared_ptr<HTTPBodySequence::Source> source, std::int64_t count)
+        : sequence_(std::make_shared<net::AsyncSharedReplaySequence>(std::move(source), static_cast<std::size_t>(count))) {}
+    std::shared_ptr<HTTPBodySequence::Source> makePass() const override {
+        return std::make_shared<net::AsyncSharedReplaySequence::Iterator>(sequence_->makeIterator());
+    }
+    const std::shared_ptr<net::AsyncSharedReplaySequence>& sequence() const noexcept { return sequence_; }
+
+private:
+    std::shared_ptr<net::AsyncSharedReplaySequence> sequence_;
+};
+
+class FilePasses final : public HTTPBodySequence::Passes {
+public:
+    explicit FilePasses(const std::filesystem::path& url) : sequence_(url) {}
+    std::shared_ptr<HTTPBodySequence::Source> makePass() const override {
+        return std::make_shared<net::AsyncBufferedFileSequence::Iterator>(sequence_.makeIterator());
+    }
+
+private:
+    net::AsyncBufferedFileSequence sequence_;
+};
+
+}  // namespace
+
+HTTPBodySequence HTTPBodySequence::shared(std::shared_ptr<Source> source, std::int64_t count, std::size_t bufferSize) {
+    HTTPBodySequence body;
+    body.passes_ = std::make_shared<SharedPasses>(std::move(source), std::max<std::int64_t>(count, 0));
+    body.count_ = count;
+    body.bufferSize_ = bufferSize;
+    return body;
+}
+
+HTTPBodySequence HTTPBodySequence::file(const std::filesystem::path& url, std::size_t bufferSize) {
+    HTTPBodySequence body;
+    body.count_ = net::AsyncBufferedFileSequence::fileSize(url);
+    body.passes_ = std::make_shared<FilePasses>(url);
+    body.bufferSize_ = bufferSize;
+    return body;
+}
+
+std::shared_ptr<net::Flushable> HTTPBodySequence::flusher() const noexcept {
+    auto* shared = dynamic_cast<const SharedPasses*>(passes_.get());
+    return shared ? shared->sequence() : nullptr;
+}
+
+HTTPBodySequence HTTPBodySequence::ofUnknownLength(std::shared_ptr<Source> source, std::size_t bufferSize) {
+    HTTPBodySequence body(std::move(source), 0, bufferSize);
     body.count_.reset();
     return body;
 }
 
+HTTPBodySequence HTTPBodySequence::chunked(std::shared_ptr<Source> source, std::size_t bufferSize) {
+    return ofUnknownLength(std::make_shared<HTTPChunkedTransferEncoder>(std::move(source)), bufferSize);
+}
+
 std::optional<std::string_view> HTTPBodySequence::bytesInMemory() const noexcept {
-    if (source_) return std::nullopt;
+    if (source_ || passes_) return std::nullopt;
     if (bytes_) return std::string_view(*bytes_);
     return std::string_view();
 }
@@ -48,8 +104,12 @@ async::Task<std::optional<Bytes>> HTTPBodySequence::Iterator::next() {
         index_ += n;
         co_return Bytes(first, first + n);
     }
-    auto buffer = co_await body_.source_->nextBuffer(body_.bufferSize_);
-    if (!buffer) isComplete_ = true;
+    if (!pass_) pass_ = body_.passes_ ? body_.passes_->makePass() : body_.source_;
+    auto buffer = co_await pass_->nextBuffer(body_.bufferSize_);
+    if (!buffer) {
+        isComplete_ = true;
+        pass_.reset();  // a file pass closes its descriptor
+    }
     co_return buffer;
 }
 

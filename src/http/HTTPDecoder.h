@@ -6,8 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace orvel::http {
 
@@ -24,14 +27,49 @@ public:
 };
 
 namespace detail {
-class RequestBodySource;
-}
 
-// Reads one request from a connection: the request line, the header block and the framing of a
-// Content-Length body. Lines are parsed in place in the connection's buffer; only what the
-// request keeps is copied. Chunked request bodies are not decoded (such a request has an empty
-// body). Limits against bad input: a line over maxLineBytes or more than maxHeaderLines header
-// lines fail like a malformed request, and so does a path that decodes to NUL, CR or LF.
+// A request body read straight from the connection, behind its head. Reads go through take(), which
+// answers "Expect: 100-continue" before the first one and keeps the first failure: a body whose
+// framing broke fails every later read too, so the connection is never read past it.
+class RequestBodySource : public HTTPBodySequence::Source {
+public:
+    async::Task<std::optional<HTTPBodySequence::Bytes>> nextBuffer(std::size_t suggested) override;
+    async::Task<std::optional<std::uint8_t>> next() override;
+
+    // All of the body has been read.
+    virtual bool isAtEnd() const noexcept = 0;
+    // The peer waits for "100 Continue" before it sends the body, and nothing asked for it yet.
+    bool awaitsContinue() const noexcept { return awaitsContinue_; }
+    // Reads and drops the rest of the body.
+    async::Task<void> discard();
+
+protected:
+    RequestBodySource(std::shared_ptr<ConnectionReader> reader, bool expectsContinue);
+    ConnectionReader& reader() noexcept { return *reader_; }
+    // Buffered bytes, reading when there are none.
+    async::Task<std::string_view> available();
+    // The next run of at most max body bytes, consumed from the reader (the view is valid until its
+    // next read), or nothing at the end.
+    virtual async::Task<std::optional<std::string_view>> nextRun(std::size_t max) = 0;
+
+private:
+    async::Task<std::optional<std::string_view>> take(std::size_t max);
+    static async::Task<void> writeAll(ByteStream& stream, std::string_view bytes);
+
+    std::shared_ptr<ConnectionReader> reader_;
+    bool awaitsContinue_;
+    std::exception_ptr error_;
+};
+
+}  // namespace detail
+
+// Reads one request from a connection: the request line, the header block and the body's framing.
+// Lines are parsed in place in the connection's buffer; only what the request keeps is copied.
+// The request is handed on as soon as its head is read; the body streams from the connection.
+// Framing that two parties could read two ways fails like a malformed request: Transfer-Encoding
+// with Content-Length, a coding other than chunked alone, two different Content-Length values.
+// Limits against bad input: a line over maxLineBytes or more than maxHeaderLines header (or
+// trailer) lines fail like a malformed request, and so does a path that decodes to NUL, CR or LF.
 class HTTPDecoder {
 public:
     class Error final : public async::Error {
@@ -46,19 +84,17 @@ public:
     explicit HTTPDecoder(std::int64_t sharedRequestReplaySize = defaultSharedRequestReplaySize)
         : sharedRequestReplaySize(sharedRequestReplaySize) {}
 
-    // A declared body up to this size is read before the request is handed on and stays
-    // replayable; a larger one is streamed from the connection once.
+    // A declared body up to this size streams through a shared replay buffer and stays
+    // replayable; a larger one, or a chunked one, is streamed from the connection once.
     std::int64_t sharedRequestReplaySize;
 
     // One request, remoteAddress absent. SocketError::disconnected when the peer closes before
-    // the request is complete; HTTPDecoder::Error "No HTTP Method" for a malformed request line.
-    async::Task<HTTPRequest> readRequest(std::shared_ptr<detail::ConnectionReader> reader) const;
-
-    // A streamed body's unread byte count, when `body` is one; else 0.
-    static std::int64_t unreadBodyBytes(const HTTPBodySequence& body) noexcept;
-    // Reads and drops what the handler left of a streamed body, so that the connection stands
-    // at the next request.
-    static async::Task<void> discardUnreadBody(HTTPBodySequence body);
+    // the request head is complete (the end of the source after the request line ends the header
+    // block); HTTPDecoder::Error "No HTTP Method" for a malformed request line. `body`, when
+    // given, receives the source of a body still on the connection, which the connection must
+    // read to its end before the next request.
+    async::Task<HTTPRequest> readRequest(std::shared_ptr<detail::ConnectionReader> reader,
+                                         std::shared_ptr<detail::RequestBodySource>* body = nullptr) const;
 };
 
 }  // namespace orvel::http

@@ -4,6 +4,7 @@
 #include "http/HTTPRequest.h"
 #include "http/detail/CancellableScope.h"
 #include "http/detail/ConnectionReader.h"
+#include "net/AsyncBufferedSequence.h"
 
 #include <atomic>
 #include <memory>
@@ -33,6 +34,15 @@ public:
     // errors (a malformed request, a read failure, cancellation) are raised.
     async::Task<std::optional<HTTPRequest>> next();
 
+    // Reads what the handler left of the last request's body, so that the connection stands at
+    // the next request; runs like a decode (cancelled by complete(), timed by the peer's body
+    // limit). A peer still waiting for "100 Continue" is not asked for its body: the sequence is
+    // complete instead. Stopping cuts the read short without an error. next() does it too when
+    // the caller did not.
+    async::Task<void> finishBody();
+    // The last request's body may still be on the connection (finishBody() has work to do).
+    bool hasPendingBody() const noexcept { return pendingSource_ != nullptr; }
+
     // No further request is read; a decode in progress is cancelled. Any thread.
     void complete();
     bool isComplete() const noexcept { return isComplete_.load(std::memory_order_acquire); }
@@ -49,11 +59,18 @@ private:
     std::optional<HTTPRequest::Address> localAddress_;
     HTTPDecoder decoder_;
     std::atomic<bool> isComplete_{false};
-    std::mutex mutex_;                               // guards the next three against complete()
+    std::mutex mutex_;                               // guards the next four against complete()
     std::optional<detail::CancellableScope> decodeScope_;
     bool decoding_ = false;
+    bool scopeCancelled_ = false;  // by complete() or timeOut()
     std::optional<double> timedOut_;
-    std::optional<HTTPBodySequence> streamedBody_;  // the last request's body when it was streamed
+    // The last request's body while part of it may still be on the connection.
+    std::shared_ptr<detail::RequestBodySource> pendingSource_;
+    std::shared_ptr<net::Flushable> pendingFlusher_;  // its replay buffer, when it has one
+
+    async::Task<void> drain(std::shared_ptr<detail::RequestBodySource> source, std::shared_ptr<net::Flushable> flusher);
+    bool beginDecoding(bool evenIfComplete);
+    void endDecoding();
 };
 
 }  // namespace orvel::http

@@ -325,6 +325,9 @@ async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
         if (connection->requests().isComplete() && !response.payload.webSocketHandler())
             response.headers.set(HTTPHeader::connection, "close");
         try {
+            // What the handler left of the body goes before the response: the peer may not read
+            // until it has sent it all, and the next request stands behind it.
+            if (connection->requests().hasPendingBody()) co_await connection->requests().finishBody();
             co_await connection->send(std::move(response));
             connection->reader().expectIdle();
         } catch (...) {

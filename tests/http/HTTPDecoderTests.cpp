@@ -3,10 +3,13 @@
 #include "HTTPTestSupport.h"
 #include "async/Spawn.h"
 #include "http/HTTPRequestSequence.h"
+#include "net/AsyncBufferedFileSequence.h"
 #include "net/SocketError.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <deque>
@@ -74,6 +77,13 @@ TEST(HTTPRequestDecoding, GivesTheSameRequestForEverySplitAndEitherLineEnd) {
             EXPECT_EQ(text(async::syncWait(request.bodyData())), "hello") << "split at " << split;
             EXPECT_FALSE(request.remoteAddress);
         }
+    }
+    // The same body in chunked coding, with an extension and a trailer that are dropped.
+    const std::string chunked = "POST / HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n3;x=\"y\"\r\nhel\r\n02 \r\nlo\r\n0\r\nT: v\r\n\r\n";
+    for (std::size_t split = 0; split <= chunked.size(); ++split) {
+        HTTPRequest request = decodeOne({chunked.substr(0, split), chunked.substr(split)});
+        EXPECT_FALSE(request.bodySequence.count());
+        EXPECT_EQ(text(async::syncWait(request.bodyData())), "hello") << "split at " << split;
     }
 }
 
@@ -146,12 +156,18 @@ TEST(HTTPRequestDecoding, RefusesLinesAndHeaderBlocksPastTheLimits) {
     EXPECT_EQ(failure({"GET / HTTP/1.1\r\n" + lines + "Z: v\r\n\r\n"}), "Too Many Header Lines");
 }
 
-TEST(HTTPRequestDecoding, EndsQuietlyWhenThePeerClosesBeforeARequestIsComplete) {
+// A peer that shuts down its side after the request line has sent its whole head.
+TEST(HTTPRequestDecoding, TakesTheEndOfTheSourceAsTheEndOfTheHeadOnlyAfterTheRequestLine) {
     EXPECT_THROW(decodeOne({}), SequenceTerminationError);
-    EXPECT_THROW(decodeOne({"GET / HTTP/1.1\r\nHost"}), net::SocketError);
-    for (const char* input : {"", "GET / HT", "GET / HTTP/1.1\r\nHost: a\r\n", "GET / HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc"}) {
-        auto all = async::syncWait(decodeAll({input}, HTTPDecoder(), true));
-        EXPECT_TRUE(all.empty()) << input;
+    const std::pair<const char*, std::size_t> inputs[] = {
+        {"", 0}, {"GET / HT", 0}, {"GET / HTTP/1.1\r\nHost: a\r\n", 1}, {"GET / HTTP/1.1\r\nHost: a", 1},
+        {"GET / HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", 1}};
+    for (const auto& [input, count] : inputs) {
+        auto all = async::syncWait(decodeAll({input}, HTTPDecoder(), false));
+        ASSERT_EQ(all.size(), count) << input;
+        if (count) {
+            EXPECT_EQ(all[0].first.headers.value(HTTPHeader::host).value_or("a"), "a");
+        }
     }
 }
 
@@ -188,16 +204,18 @@ TEST(HTTPRequestSequenceKeepAlive, FindsTheNextRequestBehindABodyWhetherItIsRead
     EXPECT_EQ(all[1].first.path, "/2");
     EXPECT_EQ(all[1].first.remoteAddress, HTTPRequest::Address::ip4("10.0.0.9", 4000));
 
-    // Ten bytes over the replay size of four are streamed; unread, they (though they look like a
-    // request) are dropped.
-    const std::string twoRequests = "POST /1 HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: 10\r\n\r\n"
-                                    "GET /x H\r\nGET /2 HTTP/1.1\r\nConnection: keep-alive\r\n\r\n";
-    for (bool readBodies : {true, false}) {
-        all = async::syncWait(decodeAll({twoRequests}, HTTPDecoder(4), readBodies));
-        ASSERT_EQ(all.size(), 2u);
-        EXPECT_FALSE(all[0].first.bodySequence.canReplay());
-        EXPECT_EQ(all[0].second, readBodies ? "GET /x H\r\n" : "");
-        EXPECT_EQ(all[1].first.path, "/2");
+    // Ten bytes that come after the head stream through the replay buffer (replay size 1024)
+    // or straight (4); unread, they (though they look like a request) are dropped.
+    const std::vector<std::string> twoRequests = {"POST /1 HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: 10\r\n\r\n",
+                                                  "GET /x H\r\nGET /2 HTTP/1.1\r\nConnection: keep-alive\r\n\r\n"};
+    for (std::int64_t replaySize : {4, 1024}) {
+        for (bool readBodies : {true, false}) {
+            all = async::syncWait(decodeAll(twoRequests, HTTPDecoder(replaySize), readBodies));
+            ASSERT_EQ(all.size(), 2u);
+            EXPECT_EQ(all[0].first.bodySequence.canReplay(), replaySize > 10);
+            EXPECT_EQ(all[0].second, readBodies ? "GET /x H\r\n" : "");
+            EXPECT_EQ(all[1].first.path, "/2");
+        }
     }
 }
 
@@ -208,14 +226,39 @@ TEST(HTTPBodyChunkedTransfer, FramesEachBufferAndEndsWithTheLastChunk) {
     EXPECT_EQ(framed, "05\r\nhhhhh\r\n0A\r\n" + std::string(10, 'h') + "\r\n1000\r\n" + std::string(4096, 'h') + "\r\n0\r\n\r\n");
 }
 
-TEST(HTTPBodyInMemory, ReplaysInBuffersOfTheGivenSize) {
-    HTTPBodySequence body(std::string(10, 'x'), 4);
-    for (int pass = 0; pass < 2; ++pass) {
-        auto iterator = body.makeIterator();
-        std::vector<std::size_t> sizes;
-        while (auto buffer = async::syncWait(iterator.next())) sizes.push_back(buffer->size());
-        EXPECT_THAT(sizes, ElementsAre(4u, 4u, 2u));
+// Bytes in memory, a file and a shared source all replay: every pass yields every byte in
+// buffers of the given size. The shared source is read once, never past its count, and its
+// flusher reads what no pass took; a file's size is read when the body is made.
+TEST(HTTPBodyReplay, EveryReplayableFormYieldsAllBytesOnEveryPass) {
+    char path[] = "/tmp/orvel-body-XXXXXX";
+    int fd = ::mkstemp(path);
+    ASSERT_EQ(::write(fd, "hhhhhhhhhh", 10), 10);
+    ::close(fd);
+    auto source = std::make_shared<SizedBuffers>(std::vector<std::size_t>{4, 4, 4, 4});
+    const std::tuple<const char*, HTTPBodySequence, bool> bodies[] = {
+        {"memory", HTTPBodySequence(std::string(10, 'h'), 4), false},
+        {"file", HTTPBodySequence::file(path, 4), false},
+        {"shared", HTTPBodySequence::shared(source, 10, 4), true},
+    };
+    for (const auto& [name, body, flushable] : bodies) {
+        EXPECT_TRUE(body.canReplay()) << name;
+        EXPECT_EQ(body.count(), 10) << name;
+        EXPECT_EQ(body.flusher() != nullptr, flushable) << name;
+        for (int pass = 0; pass < 2; ++pass) {
+            auto iterator = body.makeIterator();
+            std::vector<std::size_t> sizes;
+            while (auto buffer = async::syncWait(iterator.next())) sizes.push_back(buffer->size());
+            EXPECT_THAT(sizes, ElementsAre(4u, 4u, 2u)) << name;
+        }
     }
+    EXPECT_EQ(source->reads, 3);
+    ::unlink(path);
+    EXPECT_THROW(HTTPBodySequence::file(path), net::AsyncBufferedFileSequence::FileError);
+    EXPECT_THROW(HTTPBodySequence::file("/tmp"), net::AsyncBufferedFileSequence::FileSizeError);
+
+    auto unread = std::make_shared<SizedBuffers>(std::vector<std::size_t>{4, 4, 4, 4});
+    async::syncWait(HTTPBodySequence::shared(unread, 10).flusher()->flush());
+    EXPECT_EQ(unread->reads, 3);
 }
 
 std::string header(const HTTPResponse& response) {

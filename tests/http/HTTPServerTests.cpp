@@ -4,6 +4,7 @@
 #include "async/Sleep.h"
 #include "async/Spawn.h"
 #include "e2e/Process.h"
+#include "http/JSONPredicatePattern.h"
 #include "net/FdLeakCheck.h"
 #include "net/SocketError.h"
 #include "net/SocketPool.h"
@@ -13,6 +14,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
 #include <sstream>
 #include <tuple>
 #include <string>
@@ -55,6 +59,10 @@ protected:
         });
         server->appendRoute("POST /ignore", [](HTTPRequest) -> async::Task<HTTPResponse> {
             co_return HTTPResponse(HTTPStatusCode::accepted);
+        });
+        server->appendRoute("POST /echo", [](HTTPRequest request) -> async::Task<HTTPResponse> {
+            auto bytes = co_await request.bodyData();
+            co_return HTTPResponse(HTTPStatusCode::ok, {}, std::string(bytes.begin(), bytes.end()));
         });
     }
     void TearDown() override {
@@ -217,7 +225,7 @@ TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimit) {
     makeServer();
     start();
     // What the peer sends, and how often it then sends one more byte (0: never).
-    const std::string body = "POST /ignore HTTP/1.1\r\nContent-Length: 1000\r\n\r\n";  // read before the handler runs
+    const std::string body = "POST /ignore HTTP/1.1\r\nContent-Length: 1000\r\n\r\n";  // drained after the handler, on its clock
     const std::tuple<std::string, std::string, std::chrono::milliseconds, std::string> stalls[] = {
         {"nothing", "", 0ms, "0.4"},
         {"a trickled head", "GET /version HTTP/1.1\r\nX: ", 20ms, "0.4"},
@@ -235,6 +243,109 @@ TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimit) {
         logger->waitFor("Timeout: " + limit + " seconds.");
     }
     EXPECT_THAT(logger->waitFor("Timeout: 0.4"), "error: <127.0.0.1> error: Task timed out before completion. Timeout: 0.4 seconds.");
+}
+
+// Raw requests, what each answer holds, in order, and whether the client shuts down its side
+// after sending. Every connection ends closed; a framing that could be read two ways gets no
+// answer at all, so nothing hidden in its body is ever answered.
+TEST_F(HTTPServerTest, FramesRequestBodiesWithoutAmbiguity) {
+    config.timeout = 60;  // the handler waits for a client that answers "100 Continue"
+    makeServer();
+    server->appendRoute(HTTPRoute("POST /json", {}, std::make_shared<JSONPredicatePattern>("kind == 'a'")),
+                        [](HTTPRequest) -> async::Task<HTTPResponse> { co_return HTTPResponse(HTTPStatusCode::ok, {}, "json"); });
+    start();
+    const std::string head = "POST /echo HTTP/1.1\r\nConnection: keep-alive\r\n";
+    const std::string smuggled = "GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n";
+    struct Step {
+        std::string send;
+        std::vector<std::string> answers;
+    };
+    const std::tuple<const char*, std::vector<Step>, bool> cases[] = {
+        {"chunked, then a next request",
+         {{head + "Transfer-Encoding: chunked\r\n\r\n5;name=v\r\nhello\r\n6\r\n world\r\n0\r\nX-Trailer: t\r\n\r\n"
+                  "GET /version HTTP/1.1\r\n\r\n",
+           {"\r\n\r\nhello world", "412"}}},
+         false},
+        {"chunked and unread", {{"POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"
+                                "GET /version HTTP/1.1\r\n\r\n", {"202", "412"}}}, false},
+        {"chunked with a length", {{head + "Transfer-Encoding: chunked\r\nContent-Length: 4\r\n\r\n" + "2f\r\n" + smuggled + "\r\n0\r\n\r\n", {}}}, false},
+        {"another coding", {{head + "Transfer-Encoding: gzip\r\n\r\n" + smuggled, {}}}, false},
+        {"chunked after another coding", {{head + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" + smuggled, {}}}, false},
+        {"two lengths", {{head + "Content-Length: 3\r\nContent-Length: 30\r\n\r\nabc" + smuggled, {}}}, false},
+        {"one length twice", {{"POST /echo HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 3\r\n\r\nabc", {"\r\n\r\nabc"}}}, false},
+        {"a chunk size past 63 bits", {{head + "Transfer-Encoding: chunked\r\n\r\n10000000000000000\r\n" + smuggled, {}}}, false},
+        {"a chunk size that is no number", {{head + "Transfer-Encoding: chunked\r\n\r\nzz\r\n" + smuggled, {}}}, false},
+        {"a chunk longer than its size", {{head + "Transfer-Encoding: chunked\r\n\r\n3\r\nabcd\r\n0\r\n\r\n" + smuggled, {}}}, false},
+        {"a chunk-size line past the limit",
+         {{head + "Transfer-Encoding: chunked\r\n\r\n1;" + std::string(HTTPDecoder::maxLineBytes, 'x') + "\r\na\r\n0\r\n\r\n" + smuggled, {}}},
+         false},
+        {"100-continue, read", {{"POST /echo HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 3\r\n\r\n", {"HTTP/1.1 100 Continue\r\n\r\n"}}, {"abc", {"\r\n\r\nabc"}}}, false},
+        {"100-continue, unread", {{"POST /ignore HTTP/1.1\r\nConnection: keep-alive\r\nExpect: 100-continue\r\nContent-Length: 3\r\n\r\n", {"HTTP/1.1 202"}}}, false},
+        {"a body matched after its head came", {{"POST /json HTTP/1.1\r\nContent-Length: 12\r\n\r\n", {}}, {"{\"kind\":\"a\"}", {"json"}}}, false},
+        {"a head ended by a shutdown", {{"GET /version HTTP/1.1\r\nConnection: keep-alive\r\n", {"412"}}}, true},
+    };
+    for (const auto& [name, steps, shutdown] : cases) {
+        SCOPED_TRACE(name);
+        LoopbackClient client(port);
+        for (const Step& step : steps) {
+            client.send(step.send);
+            if (shutdown && &step == &steps.back()) ::shutdown(client.fd(), SHUT_WR);
+            for (const std::string& answer : step.answers) EXPECT_THAT(client.response(), HasSubstr(answer));
+        }
+        EXPECT_TRUE(client.closedWithNothingMore());
+    }
+}
+
+// A handler that reads 10 bytes of a large upload: it runs while the body is still coming, the
+// rest is drained (never kept) before the answer, and the connection serves its next request.
+TEST_F(HTTPServerTest, StreamsARequestBodyToAHandlerThatStartsBeforeTheUploadEnds) {
+    config.timeout = 60;
+    config.sharedRequestReplaySize = HTTPDecoder::defaultSharedRequestReplaySize;
+    makeServer();
+    struct Started {
+        std::mutex mutex;
+        std::condition_variable changed;
+        int count = 0;
+    };
+    auto started = std::make_shared<Started>();
+    server->appendRoute("POST /ten", [started](HTTPRequest request) -> async::Task<HTTPResponse> {
+        {
+            std::lock_guard lock(started->mutex);
+            ++started->count;
+        }
+        started->changed.notify_all();
+        auto iterator = request.bodySequence.makeIterator();
+        auto first = co_await iterator.next();
+        co_return HTTPResponse(HTTPStatusCode::ok, {}, std::string(first->begin(), first->begin() + 10));
+    });
+    start();
+    auto residentBytes = [] {
+        long pages = 0, resident = 0;
+        std::ifstream("/proc/self/statm") >> pages >> resident;
+        return resident * ::sysconf(_SC_PAGESIZE);
+    };
+    const std::string piece(1 << 20, 'b');
+    for (std::size_t mebibytes : {64, 1}) {  // over and under the replay size
+        LoopbackClient client(port);
+        const long before = residentBytes();
+        long most = before;
+        client.send("POST /ten HTTP/1.1\r\nConnection: keep-alive\r\nContent-Length: " + std::to_string(mebibytes << 20) + "\r\n\r\n");
+        client.send(std::string_view(piece).substr(0, 65536));
+        {
+            std::unique_lock lock(started->mutex);
+            ASSERT_TRUE(started->changed.wait_for(lock, hangGuard, [&] { return started->count == 1; })) << mebibytes;
+            started->count = 0;
+        }
+        for (std::size_t sent = 65536; sent < mebibytes << 20; sent += piece.size()) {
+            client.send(std::string_view(piece).substr(0, std::min(piece.size(), (mebibytes << 20) - sent)));
+            most = std::max(most, residentBytes());
+        }
+        EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 10\r\n\r\nbbbbbbbbbb");
+        client.send("GET /version HTTP/1.1\r\n\r\n");
+        EXPECT_EQ(client.response(), okResponse);
+        // Half the large upload: room for the replay buffer and a sanitizer's quarantine, never the body.
+        EXPECT_LT(most - before, 32 << 20) << mebibytes << " MiB upload";
+    }
 }
 
 // Each would add a header line of the peer's choosing, or cut the header block short.

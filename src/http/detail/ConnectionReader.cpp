@@ -58,7 +58,9 @@ bool ConnectionReader::tryFill() {
             bytesArrived();
             return true;
         case net::Socket::IOResult::Status::blocked: return false;
-        case net::Socket::IOResult::Status::disconnected: throw net::SocketError::disconnected();
+        case net::Socket::IOResult::Status::disconnected:
+            ended_ = true;
+            throw net::SocketError::disconnected();
         case net::Socket::IOResult::Status::failed: break;
     }
     throw result.error("Read");
@@ -105,7 +107,12 @@ void ConnectionReader::bytesArrived() noexcept {
 }
 
 async::Task<void> ConnectionReader::fill() {
-    while (!tryFill()) co_await waitUntilReadable();
+    try {
+        while (!tryFill()) co_await waitUntilReadable();
+    } catch (const net::SocketError& error) {
+        if (error.kind() == net::SocketError::Kind::disconnected) noteEnd();
+        throw;
+    }
 }
 
 }  // namespace orvel::http::detail

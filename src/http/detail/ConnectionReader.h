@@ -83,7 +83,10 @@ public:
     // its next request yet, so a read now would only report "would block". Waiting first saves
     // that system call per request.
     void expectIdle() noexcept { expectIdle_ = true; }
-    bool takeIdleExpectation() noexcept { return std::exchange(expectIdle_, false) && begin_ == end_; }
+    // Not once the peer's end was read: no readiness edge would come for it again.
+    // For a wait that reported the end of the stream.
+    void noteEnd() noexcept { ended_ = true; }
+    bool takeIdleExpectation() noexcept { return std::exchange(expectIdle_, false) && begin_ == end_ && !ended_; }
 
 private:
     std::shared_ptr<ByteStream> stream_;
@@ -93,6 +96,7 @@ private:
     std::size_t end_ = 0;
     std::size_t scanned_ = 0;  // bytes after begin_ known to hold no "\n"
     bool expectIdle_ = false;
+    bool ended_ = false;  // a read found the end of the stream
 
     void setPhase(Phase phase) noexcept;
     void bytesArrived() noexcept;
