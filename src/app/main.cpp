@@ -5,6 +5,7 @@
 #include "app/Bundle.h"
 #include "app/StreamCount.h"
 #include "app/VersionRoute.h"
+#include "net/LogWriter.h"
 #include "platform/PulseAudioCapture.h"
 #include "platform/TrayIcon.h"
 
@@ -103,6 +104,8 @@ int main(int argc, char** argv) {
         // Same process id and standard streams; the descriptors we open are close-on-exec.
         const std::string program = next->string();
         char* const arguments[] = {const_cast<char*>(program.c_str()), nullptr};
+        // Nothing runs at exit across an exec: the queued log lines go out now or never.
+        net::LogWriter::shared().flush(std::chrono::seconds(2));
         ::execv(program.c_str(), arguments);
         const int reason = errno;
         appLogger()->logError([&] { return "Could not relaunch " + program + ": " + std::strerror(reason) + "."; });

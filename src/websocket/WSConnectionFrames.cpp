@@ -24,6 +24,8 @@ namespace {
 
 // Gathering stops once a write holds this much; the rest goes in the next one.
 constexpr std::size_t maxWriteBytes = 256 * 1024;
+// What a connection's write buffer may keep between writes: several of the usual messages.
+constexpr std::size_t keptWriteCapacity = 64 * 1024;
 
 // A peer that took too little to stay within its budget gets this long to take the rest and the
 // close frame; then its socket is shut down, so a page that never reads again holds nothing.
@@ -127,6 +129,9 @@ async::Task<void> serveWebSocket(HTTPConnection& connection, WSHandler& handler,
             }
             co_await connection.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
             frames->written(bytes.size());
+            // A burst (a page that stalled for a while) must not leave every connection holding
+            // its largest buffer for life: a thousand pages would keep a burst's worth each.
+            if (bytes.capacity() > keptWriteCapacity) bytes = {};
         }
     } catch (...) {
         failure = std::current_exception();

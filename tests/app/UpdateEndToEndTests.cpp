@@ -183,6 +183,7 @@ TEST_F(UpdateEndToEnd, WhileAPageStreamsTheRelaunchWaitsForTheStreamToEnd) {
                                      "SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 1, with error: No error"}));
     for (int message = 0; message < 5; ++message) ASSERT_TRUE(page.receive()) << "the stream was cut\n" << orvel->output();
     EXPECT_EQ(fs::read_symlink(root() / "current"), "1.0.0");
+    EXPECT_EQ(orvel->output().find("resuming update"), std::string::npos) << "resumed while the page streams";
     page.close();
     std::vector<std::string> lines = {"SPUUpdater, resuming update now that Orvel isn't streaming",
                                       "SPUUpdater, didFindValidUpdate: 1.0.1"};

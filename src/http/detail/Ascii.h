@@ -49,6 +49,9 @@ constexpr std::string_view trimBlanks(std::string_view text) noexcept {
 // White space and line breaks as Unicode counts them (space, \t to \r, U+0085, U+00A0, U+1680,
 // U+2000 to U+200A, U+2028, U+2029, U+202F, U+205F, U+3000): what request and header lines,
 // which are UTF-8, are trimmed of.
+// The ASCII ones (space, \t to \r).
+constexpr bool isSpaceOrNewline(char c) noexcept { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
 constexpr bool isUnicodeSpaceOrNewline(char32_t c) noexcept {
     return c == 0x20 || (c >= 0x09 && c <= 0x0D) || c == 0x85 || c == 0xA0 || c == 0x1680 ||
            (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
