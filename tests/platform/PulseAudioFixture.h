@@ -4,7 +4,12 @@
 // Relative, so that bench programs (which do not have tests/ on their include path) can use it.
 #include "../e2e/Process.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <cmath>
+#include <cstring>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
@@ -87,6 +92,10 @@ public:
                 throw std::runtime_error("pulseaudio did not start: " + started.output + log());
             daemon_ = Fd(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
         } else {
+            // A killed core leaves its socket behind; the next one must not be taken as up before
+            // it listens, or the session manager connects too early and gives up.
+            std::filesystem::remove(folder_.path() / "xdg" / "pipewire-0");
+            std::filesystem::remove(folder_.path() / "xdg" / "pipewire-0.lock");
             for (const char* program : {"pipewire", "wireplumber", "pipewire-pulse"}) {
                 const std::string path = findProgram(program);
                 if (path.empty()) throw std::runtime_error(std::string(program) + " is not installed (see scripts/setup)");
@@ -97,13 +106,24 @@ public:
                     childOptions()));
                 // The others give up when the core is not there yet.
                 if (processes_.size() == 1 &&
-                    !waitUntil([&] { return std::filesystem::exists(folder_.path() / "xdg" / "pipewire-0"); }, 30s))
+                    !waitUntil([&] { return accepts(folder_.path() / "xdg" / "pipewire-0"); }, 30s))
                     throw std::runtime_error("pipewire did not start" + log());
             }
             if (!waitUntil([&] { return tryPactl({"info"}).has_value(); }, 30s))
                 throw std::runtime_error("pipewire-pulse did not answer" + log());
         }
         addSink("orvel_test");
+    }
+
+    // True when something listens on the Unix socket at `path`.
+    static bool accepts(const std::filesystem::path& path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        const int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool listening = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        ::close(probe);
+        return listening;
     }
 
     // Ends the server: SIGTERM, or SIGKILL for a crash; waits for every process by its pidfd.
