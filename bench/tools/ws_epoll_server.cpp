@@ -87,9 +87,9 @@ int main(int argc, char** argv) {
     auto arm = [&] {
         if (schedule.empty()) return;
         const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(schedule.top().at.time_since_epoch()).count();
-        itimerspec spec{{0, 0}, {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)}};
-        if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1;
-        ::timerfd_settime(timer, TFD_TIMER_ABSTIME, &spec, nullptr);
+        itimerspec due{{0, 0}, {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)}};
+        if (due.it_value.tv_sec == 0 && due.it_value.tv_nsec == 0) due.it_value.tv_nsec = 1;
+        ::timerfd_settime(timer, TFD_TIMER_ABSTIME, &due, nullptr);
     };
     auto drop = [&](int fd) {
         ::close(fd);

@@ -1,5 +1,6 @@
 #include "http/detail/URLComponents.h"
 
+#include "http/detail/Ascii.h"
 #include "http/detail/UTF8.h"
 
 #include <uriparser/Uri.h>
@@ -21,13 +22,6 @@ constexpr std::array<bool, 256> makeQueryAllowed() {
 }
 constexpr std::array<bool, 256> queryAllowed = makeQueryAllowed();
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 // Decodes %XX escapes in place; a "%" without two hex digits stays as written. Decoded bytes
 // that are not UTF-8 make the text undecodable.
 bool percentDecode(std::string& text) {
@@ -36,8 +30,8 @@ bool percentDecode(std::string& text) {
     for (std::size_t in = out; in < text.size(); ++in) {
         int high = -1, low = -1;
         if (text[in] == '%' && in + 2 < text.size()) {
-            high = hexValue(text[in + 1]);
-            low = hexValue(text[in + 2]);
+            high = hexDigitValue(text[in + 1]);
+            low = hexDigitValue(text[in + 2]);
         }
         if (high >= 0 && low >= 0) {
             text[out++] = static_cast<char>(high << 4 | low);
@@ -165,12 +159,10 @@ bool parseURLReference(std::string_view text, std::string& path, std::vector<HTT
     return true;
 }
 
-std::string percentEncodeForQuery(std::string_view text) {
+void appendPercentEncoded(std::string& out, std::string_view text, const std::array<bool, 256>& kept) {
     static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(text.size());
     for (unsigned char c : text) {
-        if (queryAllowed[c]) {
+        if (kept[c]) {
             out += static_cast<char>(c);
         } else {
             out += '%';
@@ -178,6 +170,12 @@ std::string percentEncodeForQuery(std::string_view text) {
             out += hex[c & 0xF];
         }
     }
+}
+
+std::string percentEncodeForQuery(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    appendPercentEncoded(out, text, queryAllowed);
     return out;
 }
 

@@ -2,6 +2,7 @@
 
 #include "http/BadURLError.h"
 #include "http/detail/Ascii.h"
+#include "http/detail/URLComponents.h"
 
 #include <uriparser/Uri.h>
 
@@ -28,19 +29,6 @@ constexpr std::array<bool, 256> allowedWith(std::string_view extra) {
 constexpr std::array<bool, 256> pathAllowed = allowedWith("&+=:@/");
 // "&", "=" and "+" inside a query item would split or change it at the upstream.
 constexpr std::array<bool, 256> queryItemAllowed = allowedWith(":@/?");
-
-void appendEncoded(std::string& out, std::string_view text, const std::array<bool, 256>& allowed) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    for (unsigned char c : text) {
-        if (allowed[c]) {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 0xF];
-        }
-    }
-}
 
 // True for an absolute http or https URL with a host, as RFC 3986 reads it.
 bool isHTTPURL(std::string_view text) {
@@ -75,17 +63,17 @@ std::string ProxyHTTPHandler::targetURL(const HTTPRequest& request) const {
     std::string_view path = request.path;
     if (!path.empty() && path.front() == '/') path.remove_prefix(1);
     if (basePathEmpty || target.back() != '/') target += '/';
-    appendEncoded(target, path, pathAllowed);
+    detail::appendPercentEncoded(target, path, pathAllowed);
 
     if (!request.query.empty()) {
         char separator = '?';
         for (const auto& item : request.query) {
             target += separator;
             separator = '&';
-            appendEncoded(target, item.name, queryItemAllowed);
+            detail::appendPercentEncoded(target, item.name, queryItemAllowed);
             if (!item.value.empty()) {
                 target += '=';
-                appendEncoded(target, item.value, queryItemAllowed);
+                detail::appendPercentEncoded(target, item.value, queryItemAllowed);
             }
         }
     } else if (questionMark != std::string_view::npos) {
