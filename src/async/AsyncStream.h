@@ -3,6 +3,7 @@
 #include "async/Continuation.h"
 #include "async/Executor.h"
 #include "async/Task.h"
+#include "async/detail/Suspension.h"
 #include "async/detail/TaskContext.h"
 
 #include <atomic>
@@ -34,12 +35,10 @@ public:
     explicit StreamState(Weigh weigh) : weigh_(weigh) {}
 
     struct Waiter : CancellationNode {
-        std::coroutine_handle<> handle;
-        Executor* executor = nullptr;
+        Suspension suspension;
         std::optional<T> element;
         std::exception_ptr error;
         StreamState* stream = nullptr;
-        std::atomic<unsigned> state{0};  // 1: setting up, 2: resumed
     };
 
     void yield(T element) {
@@ -125,9 +124,7 @@ public:
         return true;
     }
 
-    static void resume(Waiter& waiter) {
-        if ((waiter.state.fetch_or(2u, std::memory_order_acq_rel) & 1u) == 0) waiter.executor->schedule(waiter.handle);
-    }
+    static void resume(Waiter& waiter) { waiter.suspension.resume(); }
 
 private:
     void terminate(Termination how, std::exception_ptr error) {
@@ -229,10 +226,8 @@ public:
 
         bool await_ready() const noexcept { return false; }
         bool await_suspend(std::coroutine_handle<> handle) {
-            waiter_.handle = handle;
-            waiter_.executor = currentExecutor() ? currentExecutor() : &defaultExecutor();
+            waiter_.suspension.prepare(handle);
             waiter_.stream = state_;
-            waiter_.state.store(1u, std::memory_order_relaxed);
             if (!state_->next(waiter_)) return false;
             context_ = currentContext();
             if (context_) {
@@ -246,7 +241,7 @@ public:
                 };
                 context_->add(waiter_);
             }
-            return (waiter_.state.fetch_and(~1u, std::memory_order_acq_rel) & 2u) == 0;
+            return waiter_.suspension.commit();
         }
         std::optional<T> await_resume() {
             if (context_) context_->remove(waiter_);

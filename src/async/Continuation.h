@@ -1,7 +1,7 @@
 #pragma once
 #include "async/Executor.h"
+#include "async/detail/Suspension.h"
 
-#include <atomic>
 #include <coroutine>
 #include <cstdio>
 #include <cstdlib>
@@ -14,10 +14,8 @@ namespace orvel::async {
 
 namespace detail {
 
-// The resumable half of a suspension: a result slot, the suspended coroutine and its executor.
-// It lives in the suspended coroutine's frame. A resume that arrives while the suspension is still
-// being set up (the body resumed it at once) does not post anything: the suspension then simply
-// does not happen, so the frame is never touched by two threads at once.
+// The resumable half of a suspension: a result slot and the suspended coroutine. It lives in the
+// suspended coroutine's frame.
 template <class T>
 class ContinuationCore {
 public:
@@ -34,15 +32,9 @@ public:
     }
 
     // Called by the awaiter before it hands the continuation out.
-    void prepare(std::coroutine_handle<> handle) noexcept {
-        handle_ = handle;
-        executor_ = currentExecutor() ? currentExecutor() : &defaultExecutor();
-        state_.store(suspending, std::memory_order_relaxed);
-    }
+    void prepare(std::coroutine_handle<> handle) noexcept { suspension_.prepare(handle); }
     // Called by the awaiter when setting up is over: true when the coroutine stays suspended.
-    bool commitSuspension() noexcept {
-        return (state_.fetch_and(~suspending, std::memory_order_acq_rel) & resumed) == 0;
-    }
+    bool commitSuspension() noexcept { return suspension_.commit(); }
 
     T take() {
         if (error_) std::rethrow_exception(error_);
@@ -50,23 +42,16 @@ public:
     }
 
 private:
-    static constexpr unsigned suspending = 1;
-    static constexpr unsigned resumed = 2;
-
     void finish() {
-        unsigned previous = state_.fetch_or(resumed, std::memory_order_acq_rel);
-        if (previous & resumed) {
+        if (!suspension_.resume()) {
             std::fputs("orvel: a continuation was resumed twice\n", stderr);
             std::abort();
         }
-        if ((previous & suspending) == 0) executor_->schedule(handle_);
     }
 
     std::optional<Value> value_;
     std::exception_ptr error_;
-    std::coroutine_handle<> handle_;
-    Executor* executor_ = nullptr;
-    std::atomic<unsigned> state_{0};
+    Suspension suspension_;
 };
 
 }  // namespace detail

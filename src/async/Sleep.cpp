@@ -5,10 +5,8 @@
 namespace orvel::async {
 
 bool SleepAwaiter::await_suspend(std::coroutine_handle<> handle) {
-    handle_ = handle;
-    executor_ = currentExecutor() ? currentExecutor() : &defaultExecutor();
+    suspension_.prepare(handle);
     context_ = detail::currentContext();
-    state_.store(1, std::memory_order_relaxed);
 
     auto now = TimerService::Clock::now();
     auto longest = TimerService::Clock::time_point::max() - now;
@@ -22,7 +20,7 @@ bool SleepAwaiter::await_suspend(std::coroutine_handle<> handle) {
         node_.run = &SleepAwaiter::cancelled;
         context_->add(node_);
     }
-    return (state_.fetch_and(~1u, std::memory_order_acq_rel) & 2u) == 0;
+    return suspension_.commit();
 }
 
 bool SleepAwaiter::await_resume() {
@@ -32,19 +30,15 @@ bool SleepAwaiter::await_resume() {
     throw CancellationError();
 }
 
-void SleepAwaiter::fired(TimerService::Timer* timer) { static_cast<Timer*>(timer)->owner->resumeOnce(); }
+void SleepAwaiter::fired(TimerService::Timer* timer) { static_cast<Timer*>(timer)->owner->suspension_.resume(); }
 
 void SleepAwaiter::cancelled(detail::CancellationNode* node) {
     SleepAwaiter* self = static_cast<Node*>(node)->owner;
     // Whoever removes the timer resumes the task; a timer already fired has resumed it.
     if (TimerService::shared().cancel(self->timer_)) {
         self->wasCancelled_.store(true, std::memory_order_relaxed);
-        self->resumeOnce();
+        self->suspension_.resume();
     }
-}
-
-void SleepAwaiter::resumeOnce() {
-    if ((state_.fetch_or(2u, std::memory_order_acq_rel) & 1u) == 0) executor_->schedule(handle_);
 }
 
 }  // namespace orvel::async

@@ -2,6 +2,7 @@
 #include "async/Cancellation.h"
 #include "async/Executor.h"
 #include "async/TimerService.h"
+#include "async/detail/Suspension.h"
 #include "async/detail/TaskContext.h"
 
 #include <atomic>
@@ -31,18 +32,14 @@ private:
     };
     static void fired(TimerService::Timer* timer);
     static void cancelled(detail::CancellationNode* node);
-    void resumeOnce();
 
     std::chrono::nanoseconds duration_;
     bool quiet_;
     Timer timer_;
     Node node_;
     detail::TaskContext* context_ = nullptr;
-    std::coroutine_handle<> handle_;
-    Executor* executor_ = nullptr;
+    detail::Suspension suspension_;
     std::atomic<bool> wasCancelled_{false};
-    // 1: still setting up; 2: resumed. Same scheme as continuations.
-    std::atomic<unsigned> state_{0};
 };
 
 inline SleepAwaiter sleep(std::chrono::nanoseconds duration) { return SleepAwaiter(duration); }

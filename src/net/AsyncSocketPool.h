@@ -2,9 +2,9 @@
 #include "async/Cancellation.h"
 #include "async/Executor.h"
 #include "async/Task.h"
+#include "async/detail/Suspension.h"
 #include "net/Socket.h"
 
-#include <atomic>
 #include <coroutine>
 #include <cstdint>
 #include <optional>
@@ -33,24 +33,24 @@ public:
     bool linked = false;
 
     // Prepares the resumption of `handle` on the executor it runs on.
-    void prepare(std::coroutine_handle<> handle) noexcept;
+    void prepare(std::coroutine_handle<> handle) noexcept {
+        outcome_ = Outcome::ready;
+        suspension_.prepare(handle);
+    }
     // True when the task stays suspended; false when it was resumed while still setting up
     // (it then goes on by itself, nothing was posted).
-    bool commitSuspension() noexcept { return (state_.fetch_and(~suspending, std::memory_order_acq_rel) & resumed) == 0; }
+    bool commitSuspension() noexcept { return suspension_.commit(); }
     // Resumes the task with `outcome`: exactly once, from any thread, by posting it to its
     // executor. The node must not be touched afterwards.
-    void resume(Outcome outcome) noexcept;
+    void resume(Outcome outcome) noexcept {
+        outcome_ = outcome;
+        suspension_.resume();
+    }
     Outcome outcome() const noexcept { return outcome_; }
 
 private:
-
-    static constexpr unsigned suspending = 1;
-    static constexpr unsigned resumed = 2;
-
-    std::coroutine_handle<> handle_;
-    async::Executor* executor_ = nullptr;
     Outcome outcome_ = Outcome::ready;
-    std::atomic<unsigned> state_{0};
+    async::detail::Suspension suspension_;
 };
 
 // `co_await pool.suspendSocket(socket, events)`: returns once the descriptor is reported ready
