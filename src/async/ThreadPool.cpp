@@ -144,10 +144,19 @@ void ThreadPool::postShared(Job job) {
     {
         std::lock_guard lock(mutex_);
         push(job);
-        wakeOne = sleepers_ > 0 && spinning_.load(std::memory_order_relaxed) == 0;
+        wakeOne = takeWakeTurn();
     }
     if (wakeOne)
         wakeSleeper();
+}
+
+bool ThreadPool::takeWakeTurn() noexcept {
+    // One wake in flight is enough: the worker it reaches takes everything queued by then. A
+    // burst of posts (a batch of timers, a busy socket pool) would otherwise write once per job.
+    if (count_ == 0 || sleepers_ == 0 || wakePending_ || spinning_.load(std::memory_order_relaxed) > 0)
+        return false;
+    wakePending_ = true;
+    return true;
 }
 
 void ThreadPool::wakeSleeper() noexcept {
@@ -185,10 +194,22 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) n
     do
         count = ::epoll_wait(reactor_, events, eventsPerWait, timeoutMilliseconds);
     while (count < 0 && errno == EINTR);
-    if (countedAsSleeper) {
-        // Awake now: what the sources post below must wake another worker, not this one.
-        std::lock_guard lock(mutex_);
-        --sleepers_;
+    const bool sawWake = std::any_of(events, events + std::max(count, 0),
+                                     [](const epoll_event& event) { return event.data.u64 == wakeMark; });
+    if (countedAsSleeper || sawWake) {
+        bool wakeAgain = false;
+        {
+            // Awake now: what the sources post below must wake another worker, not this one. The
+            // pending wake has done its job, or a worker that was not waiting took it from the
+            // sleepers (then it is passed on).
+            std::lock_guard lock(mutex_);
+            if (countedAsSleeper)
+                --sleepers_;
+            wakePending_ = false;
+            wakeAgain = !countedAsSleeper && takeWakeTurn();
+        }
+        if (wakeAgain)
+            wakeSleeper();
     }
     for (int i = 0; i < count; ++i) {
         if (events[i].data.u64 == wakeMark)
@@ -223,21 +244,14 @@ void ThreadPool::work() {
             haveJob = pop(job);
             if (!haveJob) {
                 // The count changes under the lock so that a post sees either a spinner or a sleeper.
-                spinning_.fetch_add(1, std::memory_order_relaxed);
-                lock.unlock();
-                auto until = std::chrono::steady_clock::now() + self.spin;
-                bool found = true;
-                for (unsigned i = 1; pending_.load(std::memory_order_relaxed) == 0; ++i) {
-                    cpuRelax();
-                    if (i % 16 == 0 && std::chrono::steady_clock::now() >= until) {
-                        found = false;
-                        break;
-                    }
+                // One spinner is enough to catch the next job; the others sleep at once.
+                if (spinning_.load(std::memory_order_relaxed) == 0) {
+                    spinning_.fetch_add(1, std::memory_order_relaxed);
+                    lock.unlock();
+                    spinForJob(self);
+                    lock.lock();
+                    spinning_.fetch_sub(1, std::memory_order_relaxed);
                 }
-                self.spin = found ? std::min<std::chrono::nanoseconds>(self.spin * 2, longestSpin)
-                                  : std::max<std::chrono::nanoseconds>(self.spin / 2, shortestSpin);
-                lock.lock();
-                spinning_.fetch_sub(1, std::memory_order_relaxed);
                 while (!(haveJob = pop(job)) && !self.hasNext) {
                     if (stopping_) {
                         lock.unlock();
@@ -252,7 +266,7 @@ void ThreadPool::work() {
                 }
             }
             // More is waiting and nobody is looking for it: a burst spreads over the threads.
-            wakeAnother = count_ > 0 && sleepers_ > 0 && spinning_.load(std::memory_order_relaxed) == 0;
+            wakeAnother = takeWakeTurn();
         }
         if (wakeAnother)
             wakeSleeper();
@@ -267,6 +281,20 @@ void ThreadPool::work() {
             runNextJobs(self);
         }
     }
+}
+
+void ThreadPool::spinForJob(Worker& self) noexcept {
+    auto until = std::chrono::steady_clock::now() + self.spin;
+    bool found = true;
+    for (unsigned i = 1; pending_.load(std::memory_order_relaxed) == 0; ++i) {
+        cpuRelax();
+        if (i % 16 == 0 && std::chrono::steady_clock::now() >= until) {
+            found = false;
+            break;
+        }
+    }
+    self.spin = found ? std::min<std::chrono::nanoseconds>(self.spin * 2, longestSpin)
+                      : std::max<std::chrono::nanoseconds>(self.spin / 2, shortestSpin);
 }
 
 void ThreadPool::runNextJobs(Worker& self) {

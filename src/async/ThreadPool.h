@@ -30,8 +30,8 @@ namespace orvel::async {
 // Waking a sleeping thread costs more than most jobs, so the pool avoids it where it can:
 // - a job posted by a worker goes to that worker's own next-job slot (a chain of resumptions, as
 //   a message passing from task to task, stays on one warm thread);
-// - a worker out of work spins a few microseconds before it sleeps, and a post wakes a sleeper
-//   only when nobody is spinning;
+// - a worker out of work spins a few microseconds before it sleeps (one at a time), and a post
+//   wakes a sleeper only when nobody is spinning and no wake is on its way already;
 // - a worker that never runs out of jobs still looks at the reactor, without waiting, every few
 //   dozen jobs, so events are never starved by a busy pool.
 // Jobs must not block waiting for another job: the one in the slot would wait with them.
@@ -90,7 +90,11 @@ private:
     void work();
     void runNextJobs(Worker& worker);
     void postShared(Job job);
+    // With mutex_ held: true when the caller must wake a sleeper (queued jobs, nobody spinning,
+    // no wake on its way); the wake is then counted as on its way.
+    bool takeWakeTurn() noexcept;
     void wakeSleeper() noexcept;
+    void spinForJob(Worker& self) noexcept;
     // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources. A worker counted
     // in sleepers_ is taken out of the count as soon as it wakes.
     void waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) noexcept;
@@ -102,6 +106,7 @@ private:
     std::size_t head_ = 0;
     std::size_t count_ = 0;
     std::size_t sleepers_ = 0;  // workers in the reactor's wait, or on their way there
+    bool wakePending_ = false;  // a wake written that no worker has returned from the reactor with
     bool stopping_ = false;
     std::atomic<std::size_t> pending_{0};
     std::atomic<std::size_t> spinning_{0};  // workers looking for work before they sleep

@@ -67,17 +67,18 @@ void encodeResponseHeader(const HTTPResponse& response, std::string& out) {
     out.append("\r\n");
 }
 
-HTTPConnection::Peer HTTPConnection::identify(const net::Socket& socket) {
+HTTPConnection::Peer HTTPConnection::identify(const net::Socket& socket, std::optional<net::Socket::Address> remote,
+                                              std::optional<net::Socket::Address> local) {
     Peer peer;
     try {
-        net::Socket::Address remote = socket.remotePeer();
-        peer.address = addressOf(remote);
-        peer.hostname = remote.text;
+        if (!remote) remote = socket.remotePeer();
+        peer.address = addressOf(*remote);
+        peer.hostname = remote->text;
         try {
-            net::Socket::Address local = socket.sockname();
-            peer.local = addressOf(local);
+            if (!local) local = socket.sockname();
+            peer.local = addressOf(*local);
             // A Unix-domain peer usually has no name of its own: name it after our side.
-            if (remote.kind == net::Socket::Address::Kind::unix) peer.hostname = local.text;
+            if (remote->kind == net::Socket::Address::Kind::unix) peer.hostname = local->text;
         } catch (const async::Error&) {
         }
     } catch (const async::Error&) {

@@ -25,10 +25,13 @@ void encodeResponseHeader(const HTTPResponse& response, std::string& out);
 // complete() may be called from elsewhere.
 class HTTPConnection {
 public:
-    // `stream` carries the socket's bytes; `socket` is its descriptor (closed by close()).
+    // `stream` carries the socket's bytes; `socket` is its descriptor (closed by close()). The
+    // two ends' addresses, when the caller does not know them already, are asked of the socket.
     HTTPConnection(net::Socket socket, std::shared_ptr<detail::ByteStream> stream, HTTPDecoder decoder,
-                   net::Logger logger)
-        : HTTPConnection(socket, std::move(stream), decoder, std::move(logger), identify(socket)) {}
+                   net::Logger logger, std::optional<net::Socket::Address> remote = std::nullopt,
+                   std::optional<net::Socket::Address> local = std::nullopt)
+        : HTTPConnection(socket, std::move(stream), decoder, std::move(logger),
+                         identify(socket, std::move(remote), std::move(local))) {}
     HTTPConnection(const HTTPConnection&) = delete;
     HTTPConnection& operator=(const HTTPConnection&) = delete;
 
@@ -56,7 +59,8 @@ private:
         std::optional<HTTPRequest::Address> local;
         std::string hostname = "unknown";
     };
-    static Peer identify(const net::Socket& socket);
+    static Peer identify(const net::Socket& socket, std::optional<net::Socket::Address> remote,
+                         std::optional<net::Socket::Address> local);
     HTTPConnection(net::Socket socket, std::shared_ptr<detail::ByteStream> stream, HTTPDecoder decoder,
                    net::Logger logger, Peer peer);
     // Writes what it can without waiting; returns the count written. Throws on failure.

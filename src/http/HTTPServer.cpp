@@ -44,21 +44,30 @@ private:
     std::optional<Clock::time_point> last_;
 };
 
+bool isWildcard(const net::Socket::Address& address) {
+    return address.kind != net::Socket::Address::Kind::unix && (address.text == "0.0.0.0" || address.text == "::");
+}
+
 std::string listeningLine(const net::Socket& socket) {
     try {
         net::Socket::Address address = socket.sockname();
-        switch (address.kind) {
-            case net::Socket::Address::Kind::unix: return "starting server path: " + address.text;
-            case net::Socket::Address::Kind::ip4:
-            case net::Socket::Address::Kind::ip6:
-                if (address.text == "0.0.0.0" || address.text == "::") {
-                    return "starting server port: " + std::to_string(address.port);
-                }
-                return "starting server " + address.text + ":" + std::to_string(address.port);
-        }
+        if (address.kind == net::Socket::Address::Kind::unix) return "starting server path: " + address.text;
+        if (isWildcard(address)) return "starting server port: " + std::to_string(address.port);
+        return "starting server " + address.text + ":" + std::to_string(address.port);
     } catch (const async::Error&) {
     }
     return "starting server";
+}
+
+// The local end of every connection the listener accepts, when that is the listener's own
+// address; one bound to every interface answers on each, so there each connection is asked.
+std::optional<net::Socket::Address> sharedLocalAddress(const net::Socket& listener) {
+    try {
+        auto address = listener.sockname();
+        if (!isWildcard(address)) return address;
+    } catch (const async::Error&) {
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -204,11 +213,13 @@ async::Task<void> HTTPServer::acceptConnections(net::AsyncSocket listener) {
     WarningLimiter warnings;
     try {
         auto sockets = listener.sockets();
+        const auto local = sharedLocalAddress(listener.socket());
         for (;;) {
             std::optional<net::AsyncSocket> socket;
+            std::optional<net::Socket::Address> remote;
             bool pause = false;
             try {
-                socket = co_await sockets.next();
+                socket = co_await sockets.next(&remote);
             } catch (const net::SocketError& error) {
                 if (!net::Socket::isTransientAcceptError(error)) throw;
                 warnings.warn(config_.logger, [&] { return "server warning: " + error.description(); });
@@ -232,7 +243,7 @@ async::Task<void> HTTPServer::acceptConnections(net::AsyncSocket listener) {
                 continue;
             }
             openConnections_.fetch_add(1, std::memory_order_relaxed);
-            connections.add(handleConnection(std::move(*socket)));
+            connections.add(handleConnection(std::move(*socket), std::move(remote), local));
         }
     } catch (...) {
         failure = std::current_exception();
@@ -290,9 +301,11 @@ async::Task<void> HTTPServer::watchPeer(std::shared_ptr<HTTPConnection> connecti
     }
 }
 
-async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket) {
+async::Task<void> HTTPServer::handleConnection(net::AsyncSocket socket, std::optional<net::Socket::Address> remote,
+                                               std::optional<net::Socket::Address> local) {
     auto connection = std::make_shared<HTTPConnection>(socket.socket(), std::make_shared<detail::AsyncSocketStream>(socket),
-                                                       HTTPDecoder(config_.sharedRequestReplaySize), config_.logger);
+                                                       HTTPDecoder(config_.sharedRequestReplaySize), config_.logger,
+                                                       std::move(remote), std::move(local));
     const net::Logger& logger = config_.logger;
     const std::string& host = connection->hostname();
     logger->logInfo([&] { return "<" + host + "> open connection"; });

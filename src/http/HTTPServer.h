@@ -94,7 +94,8 @@ private:
     async::Task<void> serve(net::AsyncSocket listener);
     async::Task<void> runPool(std::shared_ptr<net::AsyncSocketPool> pool);
     async::Task<void> acceptConnections(net::AsyncSocket listener);
-    async::Task<void> handleConnection(net::AsyncSocket socket);
+    async::Task<void> handleConnection(net::AsyncSocket socket, std::optional<net::Socket::Address> remote,
+                                       std::optional<net::Socket::Address> local);
     async::Task<void> watchPeer(std::shared_ptr<HTTPConnection> connection);
     async::Task<void> pauseAccepting();
     async::Task<HTTPResponse> handleRequest(HTTPRequest request, RoutedHTTPHandler& handlers,

@@ -21,10 +21,18 @@ constexpr Socket::Events readOrWrite{Event::read, Event::write};
 
 // The accepted descriptor (non-blocking), or -1 when the listener would block. Outside the
 // coroutine so that the address record, an array, never becomes a frame variable.
-Socket::FileDescriptor tryAccept(const Socket& listener) {
+Socket::FileDescriptor tryAccept(const Socket& listener, std::optional<Socket::Address>* peer) {
     const auto result = listener.tryAccept(true);
-    if (result.status == Status::done)
+    if (result.status == Status::done) {
+        if (peer) {
+            try {
+                *peer = makeAddress(result.accepted.address);
+            } catch (const SocketError&) {
+                peer->reset();  // a family we cannot name: whoever needs it asks the socket
+            }
+        }
         return result.accepted.file;
+    }
     if (result.status == Status::blocked)
         return Socket::FileDescriptor{-1};
     // The listener was closed under us: the same as a descriptor that is no longer valid.
@@ -78,9 +86,9 @@ std::pair<AsyncSocket, AsyncSocket> AsyncSocket::makePair(Pool pool, SocketType 
     return {AsyncSocket(first, pool, Fresh{}), AsyncSocket(second, std::move(pool), Fresh{})};
 }
 
-async::Task<AsyncSocket> AsyncSocket::accept() const {
+async::Task<AsyncSocket> AsyncSocket::accept(std::optional<Socket::Address>* peer) const {
     for (;;) {
-        const auto accepted = tryAccept(socket_);
+        const auto accepted = tryAccept(socket_, peer);
         if (accepted.rawValue >= 0)
             co_return AsyncSocket(Socket(accepted), pool_, Fresh{});
         co_await pool_->suspendSocket(socket_, readOrWrite, generation_);
@@ -235,9 +243,9 @@ async::Task<std::optional<AsyncSocketReadSequence::Buffer>> AsyncSocketReadSeque
     co_return co_await state.socket.readAtMost(suggested);
 }
 
-async::Task<std::optional<AsyncSocket>> AsyncSocketSequence::next() {
+async::Task<std::optional<AsyncSocket>> AsyncSocketSequence::next(std::optional<Socket::Address>* peer) {
     try {
-        co_return co_await socket_.accept();
+        co_return co_await socket_.accept(peer);
     } catch (const SocketError& error) {
         if (error.kind() != SocketError::Kind::disconnected)
             throw;

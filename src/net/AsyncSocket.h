@@ -54,7 +54,8 @@ public:
 
     // The next connection on a listening socket (waiting for read or write readiness); the
     // accepted socket is non-blocking. A closed listener gives SocketError::disconnected.
-    async::Task<AsyncSocket> accept() const;
+    // With `peer`, the peer's address as the accept reported it goes there (no need to ask later).
+    async::Task<AsyncSocket> accept(std::optional<Socket::Address>* peer = nullptr) const;
     async::Task<void> connect(AnySocketAddress address) const;
 
     async::Task<std::uint8_t> read() const;
@@ -134,7 +135,7 @@ class AsyncSocketSequence {
 public:
     explicit AsyncSocketSequence(AsyncSocket socket) : socket_(std::move(socket)) {}
     const AsyncSocket& socket() const noexcept { return socket_; }
-    async::Task<std::optional<AsyncSocket>> next();
+    async::Task<std::optional<AsyncSocket>> next(std::optional<Socket::Address>* peer = nullptr);
 
 private:
     AsyncSocket socket_;
