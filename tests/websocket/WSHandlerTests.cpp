@@ -12,6 +12,7 @@
 #include <deque>
 #include <future>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace orvel::http {
@@ -87,18 +88,24 @@ TEST(WSOutgoingFraming, CutsMessagesIntoFramesOfAtMostFrameSize) {
     EXPECT_THROW(MessageFrameWSHandler(std::make_shared<RecordingHandler>(), 0), std::invalid_argument);
 }
 
+// What the peer sends, the one frame it gets back, and the messages the application saw.
 TEST(WSMessageExchange, DeliversMessagesBeforeThePeersCloseOrAProtocolErrorAndNothingAfter) {
-    auto app = std::make_shared<RecordingHandler>();
-    auto out = run(app, {frame(Opcode::binary, true, {9}), frame(Opcode::close, true, {0x03, 0xE8}),
-                         frame(Opcode::text, true, bytesOf("late"))});
-    EXPECT_THAT(out, ElementsAre(WSFrame::close("Goodbye")));
-    EXPECT_THAT(app->received(), ElementsAre(WSMessage::data({9})));
-
-    app = std::make_shared<RecordingHandler>();
-    out = run(app, {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, false, bytesOf("dropped")),
-                    frame(Opcode::text, true, {0xFF}), frame(Opcode::text, true, bytesOf("late"))});
-    EXPECT_THAT(out, ElementsAre(protocolError));
-    EXPECT_THAT(app->received(), ElementsAre(WSMessage::text("ok")));
+    const WSFrame late = frame(Opcode::text, true, bytesOf("late"));
+    const std::tuple<const char*, std::vector<WSFrame>, WSFrame, std::vector<WSMessage>> cases[] = {
+        {"peer's close", {frame(Opcode::binary, true, {9}), frame(Opcode::close, true, {0x03, 0xE8}), late},
+         WSFrame::close("Goodbye"), {WSMessage::data({9})}},
+        {"broken fragmentation", {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, false, bytesOf("dropped")),
+                                  frame(Opcode::text, true, bytesOf("x")), late}, protocolError, {WSMessage::text("ok")}},
+        {"text not UTF-8", {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, true, {0xC3, 0x28}), late},
+         protocolError, {WSMessage::text("ok")}},
+        {"unknown opcode", {frame(static_cast<Opcode>(0x3), true), late}, protocolError, {}},
+    };
+    for (const auto& [name, incoming, reply, received] : cases) {
+        SCOPED_TRACE(name);
+        auto app = std::make_shared<RecordingHandler>();
+        EXPECT_THAT(run(app, incoming), ElementsAre(reply));
+        EXPECT_EQ(app->received(), received);
+    }
 }
 
 async::Task<std::optional<WSFrame>> nextOf(WSFrameStream* frames) { co_return co_await frames->next(); }
