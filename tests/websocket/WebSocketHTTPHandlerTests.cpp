@@ -13,8 +13,8 @@ namespace {
 
 class SilentHandler final : public WSMessageHandler {
 public:
-    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage>) override {
-        co_return async::AsyncStream<WSMessage>::make().stream;
+    async::Task<WSOutgoingMessages> makeMessages(WSIncomingMessages) override {
+        co_return WSOutgoingMessages::make().stream;
     }
 };
 

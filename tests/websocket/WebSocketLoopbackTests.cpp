@@ -28,7 +28,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-async::Task<void> echo(async::AsyncStream<WSMessage> incoming, async::AsyncStream<WSMessage>::Continuation out) {
+async::Task<void> echo(WSIncomingMessages incoming, WSOutgoingMessages::Continuation out) {
     while (auto message = co_await incoming.next()) out.yield(std::move(*message));
     out.finish();
 }
@@ -41,9 +41,9 @@ public:
     struct Refused final : async::Error {
         Refused() : async::Error("no messages today") {}
     };
-    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage> incoming) override {
+    async::Task<WSOutgoingMessages> makeMessages(WSIncomingMessages incoming) override {
         if (kind_ == Kind::refuse) throw Refused();
-        auto [out, producer] = async::AsyncStream<WSMessage>::make();
+        auto [out, producer] = WSOutgoingMessages::make();
         if (kind_ == Kind::echo) {
             (void)async::spawn(echo(std::move(incoming), producer));
         } else {
@@ -61,7 +61,7 @@ private:
 class Server {
 public:
     explicit Server(Application::Kind kind = Application::Kind::echo,
-                    std::size_t maxSendBacklog = WSFrameStream::defaultMaxBacklog)
+                    std::size_t maxSendBacklog = WSOutgoingFrames::defaultMaxBacklog)
         : server_(net::AnySocketAddress(net::inet("127.0.0.1", 0)), 15, HTTPServer::defaultPool(logger_), logger_,
                   std::make_shared<WebSocketHTTPHandler>(
                       std::make_shared<MessageFrameWSHandler>(std::make_shared<Application>(kind), 16384, maxSendBacklog),
