@@ -6,6 +6,7 @@
 #include "e2e/Process.h"
 #include "http/JSONPredicatePattern.h"
 #include "net/FdLeakCheck.h"
+#include "net/PoolTesting.h"
 #include "net/SocketError.h"
 #include "net/SocketPool.h"
 #include "net/Timeout.h"
@@ -28,15 +29,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 using namespace std::chrono_literals;
-
-std::string outcome(const async::TaskHandle<void>& handle) {
-    try {
-        handle.wait();
-        return "";
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-}
+using test::outcome;
 
 constexpr char okResponse[] = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 3\r\n\r\n412";
 
@@ -237,7 +230,9 @@ TEST_F(HTTPServerTest, ClosesAPeerThatStallsOrTricklesPastItsLimit) {
     for (const auto& [name, sent, every, limit] : stalls) {
         LoopbackClient client(port);
         client.send(sent);
-        if (sent.find("keep-alive") != std::string::npos) EXPECT_THAT(client.response(), HasSubstr("412"));
+        if (sent.find("keep-alive") != std::string::npos) {
+            EXPECT_THAT(client.response(), HasSubstr("412"));
+        }
         // A trickle never stops by itself: the server's close ends the loop (the guard, a hang).
         auto guard = std::chrono::steady_clock::now() + hangGuard;
         while (every.count() > 0 && client.sendOne('v') && std::chrono::steady_clock::now() < guard) std::this_thread::sleep_for(every);
