@@ -36,7 +36,7 @@ std::optional<AudioCaptureConfig> decodeConfiguration(const std::optional<WSMess
 // Seconds of audio a page that does not read may leave unsent before it is dropped.
 constexpr std::int64_t sendBudgetSeconds = 10;
 
-async::Task<std::optional<WSMessage>> nextMessage(async::AsyncStream<WSMessage>* incoming) {
+async::Task<std::optional<WSMessage>> nextMessage(http::WSIncomingMessages* incoming) {
     co_return co_await incoming->next();
 }
 
@@ -46,7 +46,7 @@ async::Task<std::optional<WSMessage>> nothingAfter(std::chrono::nanoseconds limi
 }
 
 // The first message, or nothing when none comes within `limit`.
-async::Task<std::optional<WSMessage>> firstMessage(async::AsyncStream<WSMessage>& incoming,
+async::Task<std::optional<WSMessage>> firstMessage(http::WSIncomingMessages& incoming,
                                                    std::chrono::nanoseconds limit) {
     async::TaskGroup<std::optional<WSMessage>> race;
     race.add(nextMessage(&incoming));
@@ -59,7 +59,7 @@ async::Task<std::optional<WSMessage>> firstMessage(async::AsyncStream<WSMessage>
 }
 
 // Later messages change nothing, but unread they would pile up for the connection's life.
-async::Task<void> dropMessages(async::AsyncStream<WSMessage> incoming) {
+async::Task<void> dropMessages(http::WSIncomingMessages incoming) {
     while (auto message = co_await incoming.next()) {
     }
 }
@@ -68,7 +68,7 @@ async::Task<void> dropMessages(async::AsyncStream<WSMessage> incoming) {
 
 // The outgoing messages of the connections that are open, for goAway.
 struct OrvelMessageHandler::Connections {
-    using Outgoing = async::AsyncStream<WSMessage>::Continuation;
+    using Outgoing = http::WSOutgoingMessages::Continuation;
     std::mutex mutex;
     bool goingAway = false;
     std::uint64_t nextId = 0;
@@ -102,13 +102,13 @@ void OrvelMessageHandler::goAway() {
     }
 }
 
-async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(async::AsyncStream<WSMessage> incoming) {
+async::Task<http::WSOutgoingMessages> OrvelMessageHandler::makeMessages(http::WSIncomingMessages incoming) {
     return makeMessages(std::move(incoming), nullptr);
 }
 
-async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(async::AsyncStream<WSMessage> incoming,
+async::Task<http::WSOutgoingMessages> OrvelMessageHandler::makeMessages(http::WSIncomingMessages incoming,
                                                                              SetSendBudget setSendBudget) {
-    auto [messages, continuation] = async::AsyncStream<WSMessage>::make();
+    auto [messages, continuation] = http::WSOutgoingMessages::make();
     std::uint64_t id = 0;
     bool goingAway = false;
     {
@@ -134,7 +134,7 @@ async::Task<async::AsyncStream<WSMessage>> OrvelMessageHandler::makeMessages(asy
     co_return std::move(messages);
 }
 
-async::Task<void> streamAudio(async::AsyncStream<WSMessage> incoming, async::AsyncStream<WSMessage>::Continuation outgoing,
+async::Task<void> streamAudio(http::WSIncomingMessages incoming, http::WSOutgoingMessages::Continuation outgoing,
                               CaptureStart startCapture, net::Logger logger, std::chrono::nanoseconds configurationTimeout,
                               http::WSMessageHandler::SetSendBudget setSendBudget) {
     auto configuration = decodeConfiguration(co_await firstMessage(incoming, configurationTimeout));

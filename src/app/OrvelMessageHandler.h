@@ -34,8 +34,8 @@ public:
     // drops the outgoing sequence (the connection closed) the task is cancelled. With
     // setSendBudget, a connection may hold 10 s of its stream's audio for a page that does not
     // read.
-    async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage> incoming) override;
-    async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage> incoming,
+    async::Task<http::WSOutgoingMessages> makeMessages(http::WSIncomingMessages incoming) override;
+    async::Task<http::WSOutgoingMessages> makeMessages(http::WSIncomingMessages incoming,
                                                                   SetSendBudget setSendBudget) override;
 
     // The server is shutting down: every connection's messages end with close 1001 "Going away",
@@ -55,8 +55,7 @@ private:
 // counts itself in currentStreamCount while capturing, drops every later incoming message, cuts
 // the capture's bytes into messages of (rate / 10) x 2 bytes, sends a shorter last one when the
 // capture ends normally, and finishes `outgoing`. Never throws.
-async::Task<void> streamAudio(async::AsyncStream<http::WSMessage> incoming,
-                              async::AsyncStream<http::WSMessage>::Continuation outgoing, CaptureStart startCapture,
+async::Task<void> streamAudio(http::WSIncomingMessages incoming, http::WSOutgoingMessages::Continuation outgoing, CaptureStart startCapture,
                               net::Logger logger,
                               std::chrono::nanoseconds configurationTimeout = defaultConfigurationTimeout,
                               http::WSMessageHandler::SetSendBudget setSendBudget = nullptr);

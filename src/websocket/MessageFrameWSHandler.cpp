@@ -18,8 +18,8 @@ namespace orvel::http {
 namespace {
 
 using Opcode = WSFrame::Opcode;
-using FrameOut = WSFrameStream::Continuation;
-using MessageIn = async::AsyncStream<WSMessage>::Continuation;
+using FrameOut = WSOutgoingFrames::Continuation;
+using MessageIn = WSIncomingMessages::Continuation;
 
 // Cuts a message into frames as MessageFrameWSHandler::frames says, handing each to `emit`.
 template <class Emit>
@@ -42,7 +42,7 @@ void forEachFrame(WSMessage message, std::size_t frameSize, Emit&& emit) {
 
 // Takes the validated incoming frames of one connection until they end, a rule is broken or the
 // peer closes, and says how the outgoing frames end.
-async::Task<void> readFrames(std::shared_ptr<WSFrameSequence> incoming, MessageIn messages, FrameOut frames) {
+async::Task<void> readFrames(std::shared_ptr<WSIncomingFrames> incoming, MessageIn messages, FrameOut frames) {
     using FrameError = MessageFrameWSHandler::FrameError;
     WSFrameValidator::Validator validator;
     std::exception_ptr failure;
@@ -103,7 +103,7 @@ async::Task<void> readFrames(std::shared_ptr<WSFrameSequence> incoming, MessageI
 
 // Turns the application's messages into frames until they end. Ends the frames itself only with
 // the application's close.
-async::Task<void> writeMessages(async::AsyncStream<WSMessage> outgoing, FrameOut frames, std::size_t frameSize) {
+async::Task<void> writeMessages(WSOutgoingMessages outgoing, FrameOut frames, std::size_t frameSize) {
     // A cancelled writer stops even when messages keep coming and it never has to wait for one.
     while (!async::isCancelled()) {
         auto message = co_await outgoing.next();
@@ -117,8 +117,8 @@ async::Task<void> writeMessages(async::AsyncStream<WSMessage> outgoing, FrameOut
 }
 
 // One per connection: reader and writer side by side; the first to end stops the other.
-async::Task<void> produceFrames(std::shared_ptr<WSFrameSequence> incoming, MessageIn messages,
-                                async::AsyncStream<WSMessage> outgoing, FrameOut frames, std::size_t frameSize) {
+async::Task<void> produceFrames(std::shared_ptr<WSIncomingFrames> incoming, MessageIn messages,
+                                WSOutgoingMessages outgoing, FrameOut frames, std::size_t frameSize) {
     async::TaskGroup<void> group;
     group.add(readFrames(std::move(incoming), std::move(messages), frames));
     group.add(writeMessages(std::move(outgoing), frames, frameSize));
@@ -137,10 +137,10 @@ MessageFrameWSHandler::MessageFrameWSHandler(std::shared_ptr<WSMessageHandler> h
     assert(this->handler);
 }
 
-async::Task<WSFrameStream> MessageFrameWSHandler::makeFrames(std::shared_ptr<WSFrameSequence> incoming) {
+async::Task<WSOutgoingFrames> MessageFrameWSHandler::makeFrames(std::shared_ptr<WSIncomingFrames> incoming) {
     auto [incomingMessages, messageProducer] =
-        async::AsyncStream<WSMessage>::make([](const WSMessage& message) { return message.bytes().size(); });
-    auto [frames, frameProducer] = WSFrameStream::make(maxSendBacklog);
+        WSIncomingMessages::make([](const WSMessage& message) { return message.bytes().size(); });
+    auto [frames, frameProducer] = WSOutgoingFrames::make(maxSendBacklog);
     // Named before the co_await: g++ 12 destroys a lambda written inside one twice.
     WSMessageHandler::SetSendBudget setSendBudget = [budget = frameProducer](std::size_t bytes) {
         budget.setMaxBacklog(bytes);

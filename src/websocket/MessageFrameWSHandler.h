@@ -39,9 +39,9 @@ public:
     // frameSize must be at least 1. maxSendBacklog is each connection's budget of outgoing
     // bytes not yet written, until its handler sets another.
     MessageFrameWSHandler(std::shared_ptr<WSMessageHandler> handler, std::int64_t frameSize,
-                          std::size_t maxSendBacklog = WSFrameStream::defaultMaxBacklog);
+                          std::size_t maxSendBacklog = WSOutgoingFrames::defaultMaxBacklog);
 
-    async::Task<WSFrameStream> makeFrames(std::shared_ptr<WSFrameSequence> incoming) override;
+    async::Task<WSOutgoingFrames> makeFrames(std::shared_ptr<WSIncomingFrames> incoming) override;
 
     // The frames one outgoing message becomes: text or binary first, continuations after, fin on
     // the last; an empty message is one empty frame. Text is cut at byte boundaries.

@@ -12,7 +12,6 @@ namespace orvel::http {
 namespace {
 
 using ::testing::ElementsAre;
-using QueryItem = HTTPRequest::QueryItem;
 
 HTTPRequest requestWith(HTTPHeaders headers) { return request("GET", "/", std::move(headers)); }
 
@@ -50,14 +49,6 @@ TEST(HTTPRequestHeaders, KeepAliveNeedsTheWholeValueAndTheRemoteIPPrefersTheFirs
     EXPECT_EQ(viaPeer.remoteIPAddress(), "::1");
     viaPeer.remoteAddress = HTTPRequest::Address::unix("/tmp/s");
     EXPECT_FALSE(viaPeer.remoteIPAddress());
-}
-
-TEST(HTTPRequestTarget, DecodesQueryItems) {
-    std::string path;
-    std::vector<QueryItem> query;
-    detail::parseURLReference("/a/b?c=%2B+d&e=f=g", path, query);
-    EXPECT_EQ(path, "/a/b");
-    EXPECT_THAT(query, ElementsAre(QueryItem{"c", "++d"}, QueryItem{"e", "f=g"}));
 }
 
 }  // namespace

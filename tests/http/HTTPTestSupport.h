@@ -1,6 +1,7 @@
 #pragma once
 #include "http/HTTPBodySequence.h"
 #include "http/HTTPConnection.h"
+#include "http/HTTPHandler.h"
 #include "http/HTTPRequest.h"
 #include "http/detail/URLComponents.h"
 #include "net/Logging.h"
@@ -130,6 +131,22 @@ private:
     mutable std::condition_variable changed_;
     mutable std::vector<std::string> lines_;
 };
+
+// A handler's answer as "<code> <headers as name=value, or -> <body>", or the error's text.
+inline std::string answer(HTTPHandler& handler, HTTPRequest request) {
+    try {
+        HTTPResponse response = async::syncWait(handler.handleRequest(std::move(request)));
+        auto bytes = async::syncWait(response.bodyData());
+        std::string text = std::to_string(response.statusCode.code) + " ";
+        int count = 0;
+        for (HTTPHeaders::Field field : response.headers) {
+            text += (count++ ? "," : "") + std::string(field.name) + "=" + std::string(field.value);
+        }
+        return text + (count ? " " : "- ") + std::string(bytes.begin(), bytes.end());
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
 
 // A blocking loopback client speaking HTTP.
 class LoopbackClient {

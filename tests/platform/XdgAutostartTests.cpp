@@ -18,12 +18,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Status = XdgAutostart::Status;
 
-std::string readFile(const fs::path& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 void writeFile(const fs::path& path, const std::string& contents, fs::perms perms = fs::perms::owner_read | fs::perms::owner_write) {
     fs::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary) << contents;
@@ -86,7 +80,9 @@ protected:
         }
         ::waitpid(pid, nullptr, 0);
         g_spawn_close_pid(pid);
-        return readFile(marker);
+        std::stringstream text;
+        text << std::ifstream(marker, std::ios::binary).rdbuf();
+        return text.str();
     }
 };
 

@@ -12,6 +12,7 @@
 #include <deque>
 #include <future>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace orvel::http {
@@ -23,7 +24,7 @@ using ::testing::ElementsAre;
 const WSFrame protocolError = WSFrame::close("Protocol Error");
 
 // The peer's frames; after them the peer has gone.
-class ListedFrames final : public WSFrameSequence {
+class ListedFrames final : public WSIncomingFrames {
 public:
     explicit ListedFrames(std::vector<WSFrame> frames) : frames_(frames.begin(), frames.end()) {}
     async::Task<std::optional<WSFrame>> next() override {
@@ -37,7 +38,7 @@ private:
     std::deque<WSFrame> frames_;
 };
 
-async::Task<void> record(async::AsyncStream<WSMessage> incoming, std::shared_ptr<std::promise<std::vector<WSMessage>>> done) {
+async::Task<void> record(WSIncomingMessages incoming, std::shared_ptr<std::promise<std::vector<WSMessage>>> done) {
     std::vector<WSMessage> seen;
     while (auto message = co_await incoming.next()) seen.push_back(std::move(*message));
     done->set_value(std::move(seen));
@@ -46,8 +47,8 @@ async::Task<void> record(async::AsyncStream<WSMessage> incoming, std::shared_ptr
 // Keeps what arrives and says nothing; `received` is ready once the incoming messages end.
 class RecordingHandler final : public WSMessageHandler {
 public:
-    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage> incoming) override {
-        auto [out, producer] = async::AsyncStream<WSMessage>::make();
+    async::Task<WSOutgoingMessages> makeMessages(WSIncomingMessages incoming) override {
+        auto [out, producer] = WSOutgoingMessages::make();
         producer_.emplace(producer);  // never finished: the application has nothing to say
         (void)async::spawn(record(std::move(incoming), done_));
         co_return std::move(out);
@@ -55,11 +56,11 @@ public:
     std::vector<WSMessage> received() { return done_->get_future().get(); }
 
 private:
-    std::optional<async::AsyncStream<WSMessage>::Continuation> producer_;
+    std::optional<WSOutgoingMessages::Continuation> producer_;
     std::shared_ptr<std::promise<std::vector<WSMessage>>> done_ = std::make_shared<std::promise<std::vector<WSMessage>>>();
 };
 
-async::Task<std::vector<WSFrame>> collect(MessageFrameWSHandler* handler, std::shared_ptr<WSFrameSequence> incoming) {
+async::Task<std::vector<WSFrame>> collect(MessageFrameWSHandler* handler, std::shared_ptr<WSIncomingFrames> incoming) {
     auto frames = co_await handler->makeFrames(std::move(incoming));
     std::vector<WSFrame> out;
     while (auto f = co_await frames.next()) out.push_back(std::move(*f));
@@ -87,24 +88,30 @@ TEST(WSOutgoingFraming, CutsMessagesIntoFramesOfAtMostFrameSize) {
     EXPECT_THROW(MessageFrameWSHandler(std::make_shared<RecordingHandler>(), 0), std::invalid_argument);
 }
 
+// What the peer sends, the one frame it gets back, and the messages the application saw.
 TEST(WSMessageExchange, DeliversMessagesBeforeThePeersCloseOrAProtocolErrorAndNothingAfter) {
-    auto app = std::make_shared<RecordingHandler>();
-    auto out = run(app, {frame(Opcode::binary, true, {9}), frame(Opcode::close, true, {0x03, 0xE8}),
-                         frame(Opcode::text, true, bytesOf("late"))});
-    EXPECT_THAT(out, ElementsAre(WSFrame::close("Goodbye")));
-    EXPECT_THAT(app->received(), ElementsAre(WSMessage::data({9})));
-
-    app = std::make_shared<RecordingHandler>();
-    out = run(app, {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, false, bytesOf("dropped")),
-                    frame(Opcode::text, true, {0xFF}), frame(Opcode::text, true, bytesOf("late"))});
-    EXPECT_THAT(out, ElementsAre(protocolError));
-    EXPECT_THAT(app->received(), ElementsAre(WSMessage::text("ok")));
+    const WSFrame late = frame(Opcode::text, true, bytesOf("late"));
+    const std::tuple<const char*, std::vector<WSFrame>, WSFrame, std::vector<WSMessage>> cases[] = {
+        {"peer's close", {frame(Opcode::binary, true, {9}), frame(Opcode::close, true, {0x03, 0xE8}), late},
+         WSFrame::close("Goodbye"), {WSMessage::data({9})}},
+        {"broken fragmentation", {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, false, bytesOf("dropped")),
+                                  frame(Opcode::text, true, bytesOf("x")), late}, protocolError, {WSMessage::text("ok")}},
+        {"text not UTF-8", {frame(Opcode::text, true, bytesOf("ok")), frame(Opcode::text, true, {0xC3, 0x28}), late},
+         protocolError, {WSMessage::text("ok")}},
+        {"unknown opcode", {frame(static_cast<Opcode>(0x3), true), late}, protocolError, {}},
+    };
+    for (const auto& [name, incoming, reply, received] : cases) {
+        SCOPED_TRACE(name);
+        auto app = std::make_shared<RecordingHandler>();
+        EXPECT_THAT(run(app, incoming), ElementsAre(reply));
+        EXPECT_EQ(app->received(), received);
+    }
 }
 
-async::Task<std::optional<WSFrame>> nextOf(WSFrameStream* frames) { co_return co_await frames->next(); }
+async::Task<std::optional<WSFrame>> nextOf(WSOutgoingFrames* frames) { co_return co_await frames->next(); }
 
 TEST(WSOutgoingFrameStream, AnErrorEndsWithOneProtocolErrorCloseAfterTheReadyFrames) {
-    auto [frames, producer] = WSFrameStream::make();
+    auto [frames, producer] = WSOutgoingFrames::make();
     producer.yield(frame(Opcode::text, true, {'a'}));
     producer.yield(frame(Opcode::text, true, {'b'}));
     producer.finish(std::make_exception_ptr(WSFrameValidator::Error::unexpectedContinuation()));
@@ -118,7 +125,7 @@ TEST(WSOutgoingFrameStream, AnErrorEndsWithOneProtocolErrorCloseAfterTheReadyFra
 TEST(WSOutgoingFrameStream, TerminationRunsOnceWhenTheReaderIsCancelledOrDropsTheStream) {
     std::atomic<int> terminations{0};
     {
-        auto [frames, producer] = WSFrameStream::make();
+        auto [frames, producer] = WSOutgoingFrames::make();
         producer.onTermination([&] { ++terminations; });
         auto reading = async::spawn(nextOf(&frames));
         reading.cancel();
@@ -129,7 +136,7 @@ TEST(WSOutgoingFrameStream, TerminationRunsOnceWhenTheReaderIsCancelledOrDropsTh
     }
     EXPECT_EQ(terminations.load(), 1) << "dropping the ended stream does not run it again";
     {
-        auto [frames, producer] = WSFrameStream::make();
+        auto [frames, producer] = WSOutgoingFrames::make();
         producer.onTermination([&] { ++terminations; });
     }
     EXPECT_EQ(terminations.load(), 2);
@@ -137,7 +144,7 @@ TEST(WSOutgoingFrameStream, TerminationRunsOnceWhenTheReaderIsCancelledOrDropsTh
 
 TEST(WSOutgoingFrameStream, ABacklogPastItsBudgetDropsWhatIsQueuedAndEndsWithClientTooSlow) {
     const WSFrame tooSlow = WSFrame::close(1008, "Client too slow");
-    auto [frames, producer] = WSFrameStream::make(1000);  // a 100-byte payload takes 102 bytes
+    auto [frames, producer] = WSOutgoingFrames::make(1000);  // a 100-byte payload takes 102 bytes
     std::vector<std::size_t> overflows;
     frames.onOverflow([&](std::size_t budget) { overflows.push_back(budget); });
     for (int i = 0; i < 9; ++i) producer.yield(frame(Opcode::binary, true, Bytes(100)));
@@ -157,7 +164,7 @@ TEST(WSOutgoingFrameStream, ABacklogPastItsBudgetDropsWhatIsQueuedAndEndsWithCli
 
 // Sends bursts of messages until the connection stops taking them, pausing between bursts so
 // that it shares its thread.
-async::Task<void> chatter(async::AsyncStream<WSMessage>::Continuation out, std::shared_ptr<std::atomic<bool>> over) {
+async::Task<void> chatter(WSOutgoingMessages::Continuation out, std::shared_ptr<std::atomic<bool>> over) {
     while (!over->load()) {
         for (int i = 0; i < 16; ++i) out.yield(WSMessage::data({1}));
         co_await async::sleep(std::chrono::microseconds(20));
@@ -166,8 +173,8 @@ async::Task<void> chatter(async::AsyncStream<WSMessage>::Continuation out, std::
 
 class ChattyHandler final : public WSMessageHandler {
 public:
-    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage>) override {
-        auto [out, producer] = async::AsyncStream<WSMessage>::make();
+    async::Task<WSOutgoingMessages> makeMessages(WSIncomingMessages) override {
+        auto [out, producer] = WSOutgoingMessages::make();
         auto over = std::make_shared<std::atomic<bool>>(false);
         producer.onTermination([over](async::Termination) { *over = true; });
         (void)async::spawn(chatter(producer, over));
@@ -185,7 +192,7 @@ TEST(WSMessageExchange, NothingFollowsTheCloseReplyEvenWhileTheApplicationSends)
 
 // Hands out `count` binary frames of 1 MiB, then the peer's close; notes how many messages the
 // application had read when each frame was taken, and opens `gate` once 17 are taken.
-class MegabyteFrames final : public WSFrameSequence {
+class MegabyteFrames final : public WSIncomingFrames {
 public:
     MegabyteFrames(std::size_t count, async::AsyncStream<int>::Continuation gate) : count_(count), gate_(gate) {}
     async::Task<std::optional<WSFrame>> next() override {
@@ -202,7 +209,7 @@ private:
     async::AsyncStream<int>::Continuation gate_;
 };
 
-async::Task<void> readLate(async::AsyncStream<WSMessage> incoming, async::AsyncStream<int> gate,
+async::Task<void> readLate(WSIncomingMessages incoming, async::AsyncStream<int> gate,
                            std::shared_ptr<std::atomic<std::size_t>> read) {
     while (auto opened = co_await gate.next()) {
     }
@@ -214,8 +221,8 @@ class LateReader final : public WSMessageHandler {
 public:
     LateReader(async::AsyncStream<int> gate, std::shared_ptr<std::atomic<std::size_t>> read)
         : gate_(std::move(gate)), read_(std::move(read)) {}
-    async::Task<async::AsyncStream<WSMessage>> makeMessages(async::AsyncStream<WSMessage> incoming) override {
-        auto [out, producer] = async::AsyncStream<WSMessage>::make();
+    async::Task<WSOutgoingMessages> makeMessages(WSIncomingMessages incoming) override {
+        auto [out, producer] = WSOutgoingMessages::make();
         producer_.emplace(producer);
         (void)async::spawn(readLate(std::move(incoming), std::move(*gate_), read_));
         co_return std::move(out);
@@ -224,7 +231,7 @@ public:
 private:
     std::optional<async::AsyncStream<int>> gate_;
     std::shared_ptr<std::atomic<std::size_t>> read_;
-    std::optional<async::AsyncStream<WSMessage>::Continuation> producer_;
+    std::optional<WSOutgoingMessages::Continuation> producer_;
 };
 
 TEST(WSMessageExchange, TheReaderWaitsWhileTheApplicationHasMoreThan16MiBUnread) {

@@ -1,5 +1,4 @@
 #pragma once
-#include "http/HTTPHandler.h"
 #include "http/HTTPTestSupport.h"
 
 #include <sys/stat.h>
@@ -44,21 +43,5 @@ public:
 private:
     static void write(const std::filesystem::path& path, const std::string& text) { std::ofstream(path) << text; }
 };
-
-// A handler's answer as "<code> <Content-Type or -> <body>", or the error's text.
-inline std::string answer(HTTPHandler& handler, HTTPRequest request) {
-    try {
-        HTTPResponse response = async::syncWait(handler.handleRequest(std::move(request)));
-        auto bytes = async::syncWait(response.bodyData());
-        std::string text = std::to_string(response.statusCode.code) + " ";
-        int count = 0;
-        for (HTTPHeaders::Field field : response.headers) {
-            text += (count++ ? "," : "") + std::string(field.name) + "=" + std::string(field.value);
-        }
-        return text + (count ? " " : "- ") + std::string(bytes.begin(), bytes.end());
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-}
 
 }  // namespace orvel::http

@@ -9,9 +9,9 @@ namespace orvel::http {
 // The incoming frames of one upgraded connection, pulled one at a time: each next() decodes one
 // frame from the connection. Nothing once the peer has gone; throws when a frame cannot be read.
 // One consumer at a time.
-class WSFrameSequence {
+class WSIncomingFrames {
 public:
-    virtual ~WSFrameSequence() = default;
+    virtual ~WSIncomingFrames() = default;
     virtual async::Task<std::optional<WSFrame>> next() = 0;
 };
 

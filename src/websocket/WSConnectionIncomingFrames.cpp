@@ -1,4 +1,4 @@
-#include "websocket/WSConnectionFrames.h"
+#include "websocket/WSConnectionIncomingFrames.h"
 
 #include "http/HTTPConnection.h"
 #include "websocket/WSFrameEncoder.h"
@@ -53,7 +53,7 @@ async::Task<void> shutDownAfterGrace(std::shared_ptr<ShutdownGuard> guard) {
 
 }  // namespace
 
-async::Task<std::optional<WSFrame>> WSConnectionFrames::next() {
+async::Task<std::optional<WSFrame>> WSConnectionIncomingFrames::next() {
     {
         std::lock_guard lock(mutex_);
         if (stopped_) co_return std::nullopt;
@@ -82,7 +82,7 @@ async::Task<std::optional<WSFrame>> WSConnectionFrames::next() {
     co_return frame;
 }
 
-async::Task<void> WSConnectionFrames::stop() {
+async::Task<void> WSConnectionIncomingFrames::stop() {
     co_await async::withCheckedContinuation<void>([this](async::Continuation<void> continuation) {
         std::lock_guard lock(mutex_);
         stopped_ = true;
@@ -92,8 +92,8 @@ async::Task<void> WSConnectionFrames::stop() {
 }
 
 async::Task<void> serveWebSocket(HTTPConnection& connection, WSHandler& handler, std::string header) {
-    auto incoming = std::make_shared<WSConnectionFrames>(connection.reader());
-    std::optional<WSFrameStream> frames(co_await handler.makeFrames(incoming));
+    auto incoming = std::make_shared<WSConnectionIncomingFrames>(connection.reader());
+    std::optional<WSOutgoingFrames> frames(co_await handler.makeFrames(incoming));
     auto guard = std::make_shared<ShutdownGuard>();
     guard->file = connection.socket().file.rawValue;
     frames->onOverflow([logger = connection.logger(), host = connection.hostname(), guard](std::size_t budget) {

@@ -1,4 +1,4 @@
-#include "websocket/WSHandler.h"
+#include "websocket/WSOutgoingFrames.h"
 
 #include "async/Cancellation.h"
 #include "async/Continuation.h"
@@ -168,12 +168,12 @@ async::Task<std::optional<WSFrame>> WSFrameQueue::pop() {
 
 }  // namespace detail
 
-WSFrameStream::Pair WSFrameStream::make(std::size_t maxBacklog) {
+WSOutgoingFrames::Pair WSOutgoingFrames::make(std::size_t maxBacklog) {
     auto queue = std::make_shared<detail::WSFrameQueue>(maxBacklog);
-    return Pair{WSFrameStream(queue), Continuation(queue)};
+    return Pair{WSOutgoingFrames(queue), Continuation(queue)};
 }
 
-WSFrameStream& WSFrameStream::operator=(WSFrameStream&& other) noexcept {
+WSOutgoingFrames& WSOutgoingFrames::operator=(WSOutgoingFrames&& other) noexcept {
     if (this != &other) {
         if (queue_) queue_->consumerGone();
         queue_ = std::move(other.queue_);
@@ -182,16 +182,16 @@ WSFrameStream& WSFrameStream::operator=(WSFrameStream&& other) noexcept {
     return *this;
 }
 
-WSFrameStream::~WSFrameStream() {
+WSOutgoingFrames::~WSOutgoingFrames() {
     if (queue_) queue_->consumerGone();
 }
 
-std::optional<WSFrame> WSFrameStream::tryNext() {
+std::optional<WSFrame> WSOutgoingFrames::tryNext() {
     if (ended_) return std::nullopt;
     return queue_->tryPop();
 }
 
-async::Task<std::optional<WSFrame>> WSFrameStream::next() {
+async::Task<std::optional<WSFrame>> WSOutgoingFrames::next() {
     if (ended_) co_return std::nullopt;
     try {
         auto frame = co_await queue_->pop();

@@ -1,7 +1,7 @@
 #pragma once
 #include "async/Continuation.h"
 #include "async/Task.h"
-#include "websocket/WSFrameSequence.h"
+#include "websocket/WSIncomingFrames.h"
 #include "websocket/WSHandler.h"
 #include "http/detail/ConnectionReader.h"
 
@@ -19,9 +19,9 @@ class HTTPConnection;
 // quietly; any other failure ends it with that error. stop() lets the connection close safely:
 // later reads see the end without touching the reader, and it returns once a read in progress
 // has returned, so the reader need only outlive stop().
-class WSConnectionFrames final : public WSFrameSequence {
+class WSConnectionIncomingFrames final : public WSIncomingFrames {
 public:
-    explicit WSConnectionFrames(detail::ConnectionReader& reader) : reader_(reader) {}
+    explicit WSConnectionIncomingFrames(detail::ConnectionReader& reader) : reader_(reader) {}
 
     async::Task<std::optional<WSFrame>> next() override;
     async::Task<void> stop();
