@@ -8,17 +8,14 @@
 
 #include <future>
 #include <numeric>
-#include <string>
-#include <thread>
 
 using namespace orvel;
 using namespace orvel::net;
+using test::bytes;
 using test::outcome;
 using Bytes = std::vector<std::uint8_t>;
 
 namespace {
-
-Bytes bytes(std::string_view text) { return {text.begin(), text.end()}; }
 
 Bytes pattern(std::size_t count) {
     Bytes data(count);
@@ -101,13 +98,9 @@ async::Task<std::string> lineThenRest(AsyncSocketReadSequence sequence, std::siz
 }
 
 AsyncSocket listenOnLoopback(const std::shared_ptr<SocketPool>& pool, int backlog = 16) {
-    const auto socket = Socket::make(AF_INET);
-    OwnedDescriptor owner(socket.file.rawValue);
-    socket.setValue(true, reuseAddress);
-    socket.bind(inet("127.0.0.1", 0));
-    socket.listen(backlog);
-    AsyncSocket listener(socket, pool);
-    owner.release();
+    auto listening = test::listeningOnLoopback(backlog);
+    AsyncSocket listener(listening.socket, pool);
+    listening.owner.release();
     return listener;
 }
 
@@ -231,10 +224,9 @@ TEST_F(AsyncSocketConnecting, ClosingAListenerEndsItsAcceptSequenceQuietly) {
 }
 
 TEST_F(AsyncSocketConnecting, ARefusedConnectionFailsAndLeavesNothingOpen) {
-    const auto bound = Socket::make(AF_INET);  // bound, never listening: connections are refused
-    OwnedDescriptor owner(bound.file.rawValue);
-    bound.bind(inet("127.0.0.1", 0));
-    const auto result = outcome(async::spawn(connectTo(AnySocketAddress(inet("127.0.0.1", bound.sockname().port)), pool)));
+    test::Owned bound(Socket::make(AF_INET));  // bound, never listening: connections are refused
+    bound->bind(inet("127.0.0.1", 0));
+    const auto result = outcome(async::spawn(connectTo(AnySocketAddress(inet("127.0.0.1", bound.port())), pool)));
     // Refused at once, or reported by the queue as an error while in progress.
     EXPECT_THAT(result, testing::AnyOf("SocketError. Connect(111): Connection refused", "SocketError. Disconnected"));
 }
@@ -254,10 +246,9 @@ TEST_F(AsyncSocketConnecting, AConnectionThatDoesNotCompleteInTimeRaisesTimeoutE
 }
 
 TEST_F(AsyncSocketConnecting, MakingASocketSetsExactlyNonBlocking) {
-    auto [a, b] = Socket::makePair(SocketType::stream);
-    OwnedDescriptor ownA(a.file.rawValue), ownB(b.file.rawValue);
-    a.setFlags(Socket::Flags(O_APPEND));
-    AsyncSocket socket(a, pool);
+    test::Pair pair(Socket::makePair(SocketType::stream));
+    pair.socket().setFlags(Socket::Flags(O_APPEND));
+    AsyncSocket socket(pair.socket(), pool);
     EXPECT_EQ(socket.socket().flags().rawValue & ~O_ACCMODE, O_NONBLOCK);
     const Socket closed(Socket::make(AF_INET));
     closed.close();

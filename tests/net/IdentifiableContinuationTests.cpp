@@ -31,22 +31,21 @@ struct Waiters {
     void cancel(net::ContinuationID id) {
         if (bodyRuns.load() == 0) cancelBeforeBody = true;
         cancelCalls.fetch_add(1);
-        std::unique_lock lock(mutex);
-        auto found = table.find(id);
-        if (found == table.end()) return;
-        auto continuation = found->second;
-        table.erase(found);
-        lock.unlock();
-        continuation.resumeThrowing(std::make_exception_ptr(async::CancellationError()));
+        if (auto continuation = take(id)) continuation->resumeThrowing(std::make_exception_ptr(async::CancellationError()));
     }
     bool resumeAny(int value) {
-        std::unique_lock lock(mutex);
-        if (table.empty()) return false;
-        auto continuation = table.begin()->second;
-        table.erase(table.begin());
-        lock.unlock();
-        continuation.resume(value);
-        return true;
+        auto continuation = take(std::nullopt);
+        if (continuation) continuation->resume(value);
+        return continuation.has_value();
+    }
+    // The waiter with the id (any waiter without one), out of the table.
+    std::optional<net::IdentifiableContinuation<int>> take(std::optional<net::ContinuationID> id) {
+        std::lock_guard lock(mutex);
+        auto found = id ? table.find(*id) : table.begin();
+        if (found == table.end()) return std::nullopt;
+        auto continuation = found->second;
+        table.erase(found);
+        return continuation;
     }
 };
 
