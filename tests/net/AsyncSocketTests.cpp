@@ -112,9 +112,13 @@ AnySocketAddress addressOf(const AsyncSocket& listener) {
 
 using AsyncSocketReading = test::RunningPool;
 
-TEST_F(AsyncSocketReading, ReadAtMostTakesOneReadOfAtMost4096BytesAndZeroBytesMakeNoCall) {
+TEST_F(AsyncSocketReading, WritesAndReadsMoreThanTheSocketBuffersHoldReadAtMostTakesOneReadAndZeroBytesMakeNoCall) {
     auto [reader, writer] = AsyncSocket::makePair(pool);
     Closing b(writer);
+    const auto data = pattern(4 << 20);
+    auto write = async::spawn(writeAll(writer, data));
+    EXPECT_EQ(async::syncWait(readBytes(reader, data.size())), data);
+    EXPECT_EQ(outcome(write), "");
     async::syncWait(writeAll(writer, pattern(10000)));
     EXPECT_EQ(async::syncWait(readAtMost(reader, 10000)).size(), 4096u);
     EXPECT_EQ(async::syncWait(readAtMost(reader, 10)).size(), 10u);
@@ -134,15 +138,6 @@ TEST_F(AsyncSocketReading, APeerThatClosesMidReadRaisesDisconnected) {
         writer.close();
         EXPECT_EQ(outcome(read), "SocketError. Disconnected") << count;
     }
-}
-
-TEST_F(AsyncSocketReading, WritesAndReadsMoreThanTheSocketBuffersHold) {
-    auto [reader, writer] = AsyncSocket::makePair(pool);
-    Closing a(reader), b(writer);
-    const auto data = pattern(4 << 20);
-    auto write = async::spawn(writeAll(writer, data));
-    EXPECT_EQ(async::syncWait(readBytes(reader, data.size())), data);
-    EXPECT_EQ(outcome(write), "");
 }
 
 TEST_F(AsyncSocketReading, BytesALineReaderLeavesReachTheNextReaderExactlyOnceThenTheEndIsDisconnected) {
@@ -194,16 +189,16 @@ TEST_F(AsyncSocketReading, AHandlerThatBlocksItsThreadDoesNotHoldUpAnotherConnec
 
 using AsyncSocketConnecting = test::RunningPool;
 
-TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6Loopback) {
+TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6LoopbackAndClosingTheListenerEndsItsSequenceQuietly) {
     const auto socket = Socket::make(AF_INET6);
     socket.bind(loopback(0));
     socket.listen(4);
     AsyncSocket listener(socket, pool);
-    Closing l(listener);
+    const AnySocketAddress address(loopback(socket.sockname().port));
     auto accepted = async::spawn(acceptOne(listener));
     ASSERT_TRUE(parked(1));
     EXPECT_FALSE(accepted.isFinished());
-    auto client = async::syncWait(connectTo(AnySocketAddress(loopback(socket.sockname().port)), pool));
+    auto client = async::syncWait(connectTo(address, pool));
     Closing c(client);
     auto server = accepted.wait();
     Closing s(server);
@@ -211,13 +206,9 @@ TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6Loopback) {
     EXPECT_EQ(server.socket().remotePeer(), client.socket().sockname());
     async::syncWait(writeAll(client, bytes("over v6")));
     EXPECT_EQ(async::syncWait(readBytes(server, 7)), bytes("over v6"));
-}
 
-TEST_F(AsyncSocketConnecting, ClosingAListenerEndsItsAcceptSequenceQuietly) {
-    auto listener = listenOnLoopback(pool);
     auto accepting = async::spawn(acceptUntilEnd(listener));
-    auto first = async::syncWait(connectTo(addressOf(listener), pool));
-    first.close();
+    async::syncWait(connectTo(address, pool)).close();
     ASSERT_TRUE(parked(1));
     listener.close();
     EXPECT_EQ(accepting.wait(), 1);
