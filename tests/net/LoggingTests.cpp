@@ -1,13 +1,12 @@
 #include "net/Logging.h"
 
+#include "net/PoolTesting.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <sstream>
@@ -38,10 +37,6 @@ int buildsAtEveryLevel(const Logging& logger) {
     return calls;
 }
 
-}  // namespace
-
-namespace {
-
 // A pipe for a writer's text lines.
 struct Pipe {
     int fd[2] = {-1, -1};  // read, write
@@ -60,12 +55,10 @@ struct Pipe {
 }  // namespace
 
 TEST(JournalLogger, WritesEntriesInTheJournalsDatagramFormat) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
     const std::string path = testing::TempDir() + "orvel-journal-" + std::to_string(::getpid());
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-    const int journal = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(::bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    orvel::test::Owned journal(Socket::make(AF_UNIX, SocketType::datagram));
+    journal->bind(unix(path));
+    journal->setFlags(Socket::Flags::nonBlocking);
     LogWriter writer({.textDescriptor = -1, .journalSocket = path});
     const JournalLogger toJournal("LoggingTest", {.subsystem = "com.tamrix.orvel", .writer = &writer});
     EXPECT_TRUE(toJournal.writesToJournal());
@@ -74,15 +67,9 @@ TEST(JournalLogger, WritesEntriesInTheJournalsDatagramFormat) {
     writer.flush();
     constexpr char twoLines[] = "PRIORITY=3\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\n"
                                 "MESSAGE\n\x09\0\0\0\0\0\0\0two\nlines\n";
-    const std::string expected[] = {
-        "PRIORITY=6\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\nMESSAGE=journal line\n",
-        std::string(twoLines, sizeof twoLines - 1)};
-    for (const std::string& entry : expected) {
-        char buffer[256];
-        const ssize_t n = ::recv(journal, buffer, sizeof buffer, MSG_DONTWAIT);
-        EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0))), entry);
-    }
-    ::close(journal);
+    EXPECT_EQ(journal->receive(256).bytes,
+              orvel::test::bytes("PRIORITY=6\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\nMESSAGE=journal line\n"));
+    EXPECT_EQ(journal->receive(256).bytes, orvel::test::bytes(std::string_view(twoLines, sizeof twoLines - 1)));
     ::unlink(path.c_str());
 }
 

@@ -185,15 +185,6 @@ TEST_F(SocketPoolLifecycle, ASecondRunFailsAndCancellingTheRunWakesEveryWaiterAn
     EXPECT_EQ(outcome(async::spawn(runPool(pool.get()))), "Not Ready");
 }
 
-TEST(SocketPoolStates, AnUnpreparedPoolTakesNoWaitersAndDoesNotRun) {
-    test::FdSnapshot descriptors;
-    auto pool = SocketPool::make(20, std::make_shared<DisabledLogger>());
-    EXPECT_EQ(pool->state(), std::nullopt);
-    Pair pair;
-    EXPECT_EQ(outcome(async::spawn(waitOn(pool.get(), pair.socket(), Event::read))), "Not Ready");
-    EXPECT_EQ(outcome(async::spawn(runPool(pool.get()))), "Not Ready");
-}
-
 namespace {
 // The state letter of each of this process's threads with the name (R running, S sleeping).
 std::string statesOfThreads(std::string_view name) {
@@ -210,9 +201,10 @@ std::string statesOfThreads(std::string_view name) {
 }
 }  // namespace
 
-// Waiters parked before the loop runs are served once it does. A poll pool parks while nobody
-// waits, however long its interval: a first waiter is served at once, stopping takes effect at
-// once, and with `immediate` the idle loop does not spin.
+// An unprepared pool takes no waiters and does not run; waiters parked before the loop runs are
+// served once it does. A poll pool parks while nobody waits, however long its interval: a first
+// waiter is served at once, stopping takes effect at once, and with `immediate` the idle loop does
+// not spin.
 TEST(SocketPoolStates, PoolsServeEarlyWaitersAndAPollPoolParksWhileIdleAndWakesForAWaiterOrAStop) {
     test::FdSnapshot descriptors;
     const auto logger = std::make_shared<DisabledLogger>();
@@ -220,8 +212,11 @@ TEST(SocketPoolStates, PoolsServeEarlyWaitersAndAPollPoolParksWhileIdleAndWakesF
                              SocketPool::poll(Poll::Interval::immediate(), logger)}) {
         const bool polls = !dynamic_cast<const EPoll*>(&pool->queue());
         SCOPED_TRACE(polls ? "poll" : "epoll");
-        async::syncWait(preparePool(pool.get()));
         Pair early, late;
+        EXPECT_EQ(pool->state(), std::nullopt);
+        EXPECT_EQ(outcome(async::spawn(waitOn(pool.get(), early.socket(), Event::read))), "Not Ready");
+        EXPECT_EQ(outcome(async::spawn(runPool(pool.get()))), "Not Ready");
+        async::syncWait(preparePool(pool.get()));
         auto waiter = async::spawn(waitOn(pool.get(), early.socket(), Event::read));
         ASSERT_TRUE(eventually([&] { return pool->waitingCount() == 1; }));
         early.peer().write("x", 1);
