@@ -20,12 +20,7 @@ using namespace orvel::net;
 using testing::Contains;
 using testing::ElementsAre;
 using Event = Socket::Event;
-using test::eventually;
-using test::outcome;
-using test::Pair;
-using test::preparePool;
-using test::runPool;
-using test::waitOn;
+using namespace orvel::test;
 
 namespace {
 
@@ -74,10 +69,10 @@ private:
 
 // Registrations are read from the kernel (/proc/self/fdinfo of the pool's epoll instance): the
 // pool's own record changes on its wait thread, and reading it here would race.
-class SocketPoolWaiters : public test::RunningPool {
+class SocketPoolWaiters : public RunningPool {
 protected:
     std::uint32_t watched(const Socket& socket) const {
-        return test::epollWatch(static_cast<const EPoll&>(pool->queue()).file().rawValue, socket.file.rawValue).value_or(0);
+        return epollWatch(static_cast<const EPoll&>(pool->queue()).file().rawValue, socket.file.rawValue).value_or(0);
     }
     bool registered(const Socket& socket, Socket::Events events) const {
         return watched(socket) == ((events.contains(Event::read) ? EPOLLIN : 0u) | (events.contains(Event::write) ? EPOLLOUT : 0u));
@@ -206,7 +201,7 @@ std::string statesOfThreads(std::string_view name) {
 // waiter is served at once, stopping takes effect at once, and with `immediate` the idle loop does
 // not spin.
 TEST(SocketPoolStates, PoolsServeEarlyWaitersAndAPollPoolParksWhileIdleAndWakesForAWaiterOrAStop) {
-    test::FdSnapshot descriptors;
+    FdSnapshot descriptors;
     const auto logger = std::make_shared<DisabledLogger>();
     for (const auto& pool : {SocketPool::make(20, logger), SocketPool::poll(Poll::Interval::seconds(600), logger),
                              SocketPool::poll(Poll::Interval::immediate(), logger)}) {
@@ -257,7 +252,7 @@ protected:
         return handle;
     }
 
-    std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
+    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
     ScriptedQueue* queue = nullptr;
     std::shared_ptr<SocketPool> pool;
     async::TaskHandle<void> loop;
@@ -290,7 +285,7 @@ async::Task<void> stop(ClientPoolLoader* loader) { co_await loader->stop(); }
 }  // namespace
 
 TEST(ClientPoolLoading, PreparesAndStartsThePoolOnceAndStopsIt) {
-    test::FdSnapshot descriptors;
+    FdSnapshot descriptors;
     ClientPoolLoader loader(std::make_shared<DisabledLogger>());
     EXPECT_FALSE(loader.isStarted());
     EXPECT_TRUE(async::syncWait(samePoolTwice(&loader)));

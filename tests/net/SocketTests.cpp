@@ -16,10 +16,7 @@
 #include <functional>
 
 using namespace orvel::net;
-using orvel::test::bytes;
-using orvel::test::errorOf;
-using orvel::test::Owned;
-using orvel::test::Pair;
+using namespace orvel::test;
 
 namespace {
 
@@ -42,7 +39,7 @@ void refuseSetsockopt() {
         std::_Exit(2);
 }
 
-using SocketTest = orvel::test::FdLeakCheck;
+using SocketTest = FdLeakCheck;
 
 }  // namespace
 
@@ -62,7 +59,7 @@ TEST(SocketCreationDeathTest, ADatagramSocketWhosePacketInformationCannotBeSetIs
 }
 
 TEST_F(SocketTest, FailedCallsNameTheirCallAndErrno) {
-    const auto listener = orvel::test::listeningOnLoopback();
+    const auto listener = listeningOnLoopback();
     Owned bound(Socket::make(AF_INET));  // bound but not listening: refuses without a race for the port
     bound->bind(inet("127.0.0.1", 0));
     Owned client(Socket::make(AF_INET)), datagram(Socket::make(AF_INET, SocketType::datagram));
@@ -94,7 +91,7 @@ TEST_F(SocketTest, FailedCallsNameTheirCallAndErrno) {
 }
 
 TEST_F(SocketTest, AcceptAndConnectOverIPv4LoopbackAndAUnixPath) {
-    auto listener = orvel::test::listeningOnLoopback();
+    auto listener = listeningOnLoopback();
     Owned client(Socket::make(AF_INET));
     client->connect(inet("127.0.0.1", listener.port()));
     EXPECT_NO_THROW(client->connect(inet("127.0.0.1", listener.port())));  // already connected: quietly done
@@ -129,7 +126,7 @@ TEST_F(SocketTest, WritesFromAnIndexAndReadsAByteOrAtMostALength) {
 }
 
 TEST_F(SocketTest, NonBlockingCallsWithNothingToDoAreBlocked) {
-    auto listener = orvel::test::listeningOnLoopback();
+    auto listener = listeningOnLoopback();
     listener->setFlags(Socket::Flags::nonBlocking);
     EXPECT_EQ(errorOf([&] { listener->accept(); }), "SocketError. Blocked");
     EXPECT_EQ(listener->tryAccept().status, Socket::IOResult::Status::blocked);
