@@ -157,6 +157,7 @@ TEST(EventQueues, ReportWhatIsReadyAndAGonePeerOrAFailedDescriptorToTheRightWait
         {"a gone peer's bytes read", Event::read, "left", true, true, false, {{Event::read, {Error::endOfFile}}}, {{Event::read, {}}}},
         {"a writer whose peer is gone", Event::write, "", true, false, false,
          {{Event::write, {Error::endOfFile}}}, {{Event::write, {Error::endOfFile}}}},
+        {"a pipe without a reader, watched for reading", Event::read, "", false, false, true, {{Event::read, {Error::error}}}, {}},
         {"a pipe without a reader", both, "", false, false, true,
          {{Event::read, {Error::error}}, {Event::write, {Error::error}}}, {{both, {Error::error}}}},
     };
