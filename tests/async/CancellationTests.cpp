@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -54,7 +56,32 @@ Task<void> handlerThenGone(std::atomic<bool>* registered, std::atomic<bool>* gon
     co_return;
 }
 
+// Drops its older handler while cancel() is still held in the newer one, which waits until the
+// older one has been told: the drop must tell it, once.
+Task<int> dropsAHandlerWhileAnotherIsTold(std::atomic<int>* told, std::atomic<bool>* registered) {
+    std::optional<CancellationHandler> older;
+    older.emplace([told] { told->fetch_add(1); });
+    CancellationHandler newer([told] {
+        const auto deadline = std::chrono::steady_clock::now() + 60s;  // guards against a hang only
+        while (told->load() == 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    });
+    registered->store(true);
+    while (!isCancelled()) std::this_thread::yield();
+    older.reset();
+    co_return told->load();
+}
+
 }  // namespace
+
+TEST(Cancellation, AHandlerDroppedWhileCancelIsTellingAnotherIsToldByTheDropOnce) {
+    std::atomic<int> told{0};
+    std::atomic<bool> registered{false};
+    auto handle = spawn(dropsAHandlerWhileAnotherIsTold(&told, &registered));
+    while (!registered.load()) std::this_thread::yield();
+    handle.cancel();
+    EXPECT_EQ(handle.wait(), 1);
+    EXPECT_EQ(told.load(), 1);
+}
 
 TEST(Cancellation, ATaskCancelledBeforeItRunsSeesItAtOnceAndALateHandlerRunsAtOnce) {
     // The serial executor is held by a blocker, so the second task cannot start before cancel().
