@@ -60,8 +60,15 @@ TEST(AsyncStreams, DeliverBufferedElementsThenTheEndOrTheErrorOnceAndIgnoreLater
     }
 }
 
-TEST(AsyncStreams, AConsumerCancelledWhileWaitingSeesTheEndAndTerminatesOnce) {
+TEST(AsyncStreams, AConsumerThatGoesAwayOrIsCancelledWhileWaitingTerminatesTheStreamOnceAndSeesTheEnd) {
     Terminations ends;
+    {
+        auto [stream, continuation] = AsyncStream<int>::make();
+        continuation.onTermination(ends.handler());
+        continuation.yield(1);
+    }
+    EXPECT_EQ(ends.cancelled.load(), 1);
+
     auto [stream, continuation] = AsyncStream<int>::make();
     continuation.onTermination(ends.handler());
     continuation.yield(1);
@@ -70,18 +77,8 @@ TEST(AsyncStreams, AConsumerCancelledWhileWaitingSeesTheEndAndTerminatesOnce) {
     EXPECT_EQ(consumer.wait(), 1);  // no error: the end of the sequence
     continuation.yield(2);
     continuation.finish();
-    EXPECT_EQ(ends.cancelled.load(), 1);
+    EXPECT_EQ(ends.cancelled.load(), 2);
     EXPECT_EQ(ends.finished.load(), 0);
-}
-
-TEST(AsyncStreams, AConsumerThatGoesAwayTerminatesTheStream) {
-    Terminations ends;
-    {
-        auto [stream, continuation] = AsyncStream<int>::make();
-        continuation.onTermination(ends.handler());
-        continuation.yield(1);
-    }
-    EXPECT_EQ(ends.cancelled.load(), 1);
 }
 
 TEST(AsyncStreams, CarryEveryElementFromForeignThreadsInProducerOrder) {

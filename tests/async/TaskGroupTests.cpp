@@ -4,21 +4,14 @@
 
 #include <array>
 #include <atomic>
-#include <coroutine>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 using namespace orvel::async;
 using namespace std::chrono_literals;
 
 namespace {
-
-Task<int> after(std::chrono::milliseconds delay, int value) {
-    co_await sleep(delay);
-    co_return value;
-}
 
 Task<int> afterGate(AsyncStream<int>* gate, int value) {
     co_await gate->next();
@@ -39,19 +32,23 @@ Task<std::vector<int>> collect() {
     const std::array gates{openFirst, openSecond, openThird};
     for (const auto& open : gates) {
         open.yield(0);
-        auto value = co_await group.next();
-        if (value) order.push_back(*value);
+        const auto value = co_await group.next();
+        order.push_back(value.value_or(0));
     }
-    auto rest = co_await group.next();
+    const auto rest = co_await group.next();  // nothing after the last
     if (rest) order.push_back(*rest);
     co_return order;
 }
 
 Task<int> cancelAllEndsSleepers() {
     TaskGroup<int> group;
-    for (int i = 0; i < 10; ++i) group.add(after(1h, i));
+    const auto sleeper = []() -> Task<int> {
+        co_await sleep(1h);
+        co_return 0;
+    };
+    for (int i = 0; i < 10; ++i) group.add(sleeper());
     group.cancelAll();
-    group.add(after(1h, 99));  // added after cancelAll: starts cancelled
+    group.add(sleeper());  // added after cancelAll: starts cancelled
     int cancelled = 0;
     while (auto result = co_await group.nextResult()) {
         try {
@@ -122,9 +119,7 @@ Task<int> uncancelledChildren(TaskGroup<bool>* group) {
 
 }  // namespace
 
-TEST(TaskGroups, ReturnResultsInTheOrderChildrenFinish) {
-    EXPECT_EQ(syncWait(collect()), (std::vector<int>{1, 2, 3}));
-}
+TEST(TaskGroups, ReturnResultsInTheOrderChildrenFinish) { EXPECT_EQ(syncWait(collect()), (std::vector<int>{1, 2, 3})); }
 
 TEST(TaskGroups, CancelAllCancelsRunningAndLaterChildren) { EXPECT_EQ(syncWait(cancelAllEndsSleepers()), 11); }
 

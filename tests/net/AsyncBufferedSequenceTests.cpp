@@ -5,32 +5,23 @@
 
 #include "async/Async.h"
 #include "net/FdLeakCheck.h"
-
 #include "net/OwnedDescriptor.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <string>
-#include <vector>
 
 using namespace orvel;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using File = net::AsyncBufferedFileSequence;
-
-static_assert(net::AsyncBufferedSequence<net::AsyncBufferedCollection>);
-static_assert(net::AsyncBufferedSequence<net::AsyncBufferedEmptySequence>);
-static_assert(net::AsyncBufferedSequence<File>);
-static_assert(net::AsyncBufferedSequence<net::ConsumingAsyncSequence>);
 
 namespace {
 
@@ -38,6 +29,10 @@ net::Bytes pattern(std::size_t count) {
     net::Bytes bytes(count);
     for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<net::Byte>(i * 7 + i / 251);
     return bytes;
+}
+
+net::Bytes slice(const net::Bytes& bytes, std::size_t first, std::size_t last) {
+    return net::Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(first), bytes.begin() + static_cast<std::ptrdiff_t>(last));
 }
 
 // Every buffer the source hands out, in order.
@@ -55,26 +50,19 @@ async::Task<net::Bytes> collect(net::AsyncByteSequence& source, std::size_t sugg
 
 }  // namespace
 
-TEST(BufferedCollection, HandsOutRunsOfAtMostTheSuggestedSizeThenNothing) {
+TEST(BufferedCollection, HandsOutRunsOfAtMostTheSuggestedSizeAndAViewReadsTheBorrowedBytesInPlace) {
     const auto bytes = pattern(10);
     auto iterator = net::AsyncBufferedCollection(bytes).makeIterator();
-    const auto got = async::syncWait(runs(iterator, 4));
-    ASSERT_EQ(got.size(), 3u);
-    EXPECT_EQ(got[0].size(), 4u);
-    EXPECT_EQ(got[1].size(), 4u);
-    EXPECT_EQ(got[2], net::Bytes(bytes.begin() + 8, bytes.end()));
+    EXPECT_EQ(async::syncWait(runs(iterator, 4)), (std::vector{slice(bytes, 0, 4), slice(bytes, 4, 8), slice(bytes, 8, 10)}));
     EXPECT_EQ(async::syncWait(iterator.next()), std::nullopt);
-}
 
-TEST(BufferedCollection, EveryIteratorOfAViewReadsTheBorrowedBytesInPlaceFromTheFirst) {
     const std::string text = "borrowed";
     const auto collection = net::AsyncBufferedCollection::view(std::string_view(text));
     auto first = collection.makeIterator();
     EXPECT_EQ(static_cast<const void*>(first.remaining().data()), static_cast<const void*>(text.data()));
     EXPECT_EQ(async::syncWait(first.next()), net::Byte('b'));
-    auto second = collection.makeIterator();
-    const auto all = async::syncWait(collect(second, 3));
-    EXPECT_EQ(std::string(all.begin(), all.end()), "borrowed");
+    auto second = collection.makeIterator();  // from the first byte again
+    EXPECT_EQ(async::syncWait(collect(second, 3)), net::Bytes(text.begin(), text.end()));
 }
 
 namespace {
@@ -118,13 +106,14 @@ protected:
     std::filesystem::path directory;
 };
 
-TEST_F(FileSequence, EveryIteratorReadsTheWholeFileInRunsOfAtMostTheSuggestedSizeOrByteByByte) {
-    const File file(write("body.bin", pattern(10000)));
+TEST_F(FileSequence, EveryIteratorOpensOnItsFirstPullAndReadsTheWholeFileInRunsOfAtMostTheSuggestedSizeOrByteByByte) {
+    const File file(directory / "body.bin");
+    auto early = file.makeIterator();  // made before the file exists
+    write("body.bin", pattern(10000));
     auto halfway = file.makeIterator();  // dropped with its descriptor open: the fixture checks it closes
     EXPECT_EQ(async::syncWait(halfway.nextBuffer(100))->size(), 100u);
-    auto iterator = file.makeIterator();
     net::Bytes joined;
-    for (const auto& run : async::syncWait(runs(iterator, 4096))) {
+    for (const auto& run : async::syncWait(runs(early, 4096))) {
         EXPECT_LE(run.size(), 4096u);
         joined.insert(joined.end(), run.begin(), run.end());
     }
@@ -139,43 +128,37 @@ TEST_F(FileSequence, EveryIteratorReadsTheWholeFileInRunsOfAtMostTheSuggestedSiz
     EXPECT_EQ(got, pattern(10000));
 }
 
-TEST_F(FileSequence, OpensTheFileOnTheFirstPullNotBefore) {
-    auto iterator = File(directory / "later.txt").makeIterator();
-    write("later.txt", pattern(3));
-    EXPECT_EQ(async::syncWait(collect(iterator, 16)), pattern(3));
-}
-
-TEST_F(FileSequence, AMissingFileADirectoryOrAFIFORaisesAClearErrorWithItsPath) {
-    const auto path = directory / "missing.txt";
-    auto missing = File(path).makeIterator();
-    EXPECT_THAT([&] { async::syncWait(missing.nextBuffer(16)); },
-                ThrowsMessage<File::FileError>(StrEq("FileError. Open(2): No such file or directory (" + path.string() + ")")));
-    EXPECT_THAT([&] { File::fileSize(path); },
-                ThrowsMessage<File::FileError>(StrEq("FileError. Stat(2): No such file or directory (" + path.string() + ")")));
-    EXPECT_THAT([&] { File::fileSize(directory); }, ThrowsMessage<File::FileSizeError>(StrEq("File size not found")));
-    auto folder = File(directory).makeIterator();
-    EXPECT_THAT([&] { async::syncWait(folder.nextBuffer(16)); },
-                ThrowsMessage<File::FileError>(StrEq("FileError. Open(21): Is a directory (" + directory.string() + ")")));
-
-    // A FIFO without a writer: the open must neither wait (holding a pool thread) nor read it.
-    const auto fifo = directory / "pipe";
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    auto pipe = File(fifo).makeIterator();
-    auto pull = std::async(std::launch::async, [&] { async::syncWait(pipe.nextBuffer(16)); });
-    if (pull.wait_for(std::chrono::seconds(60)) == std::future_status::timeout) {
-        net::OwnedDescriptor writer(::open(fifo.c_str(), O_WRONLY | O_CLOEXEC));  // frees the waiting open
-        ADD_FAILURE() << "opening a FIFO waited for a writer";
-    }
-    EXPECT_THAT([&] { pull.get(); },
-                ThrowsMessage<File::FileError>(StrEq("FileError. Open: Not a regular file (" + fifo.string() + ")")));
-}
-
-TEST_F(FileSequence, FileSizeIsTheByteCountOfARegularFileFollowingLinks) {
+TEST_F(FileSequence, FileSizeFollowsLinksAndEveryFailureNamesItsCallAndPath) {
     const auto file = write("body.bin", pattern(12345));
     std::filesystem::create_symlink(file, directory / "link");
-    EXPECT_EQ(File::fileSize(file), 12345);
     EXPECT_EQ(File::fileSize(directory / "link"), 12345);
     EXPECT_EQ(File::fileSize(write("empty", {})), 0);
+    const auto missing = directory / "missing.txt";
+    EXPECT_THAT([&] { File::fileSize(missing); },
+                ThrowsMessage<File::FileError>(StrEq("FileError. Stat(2): No such file or directory (" + missing.string() + ")")));
+    EXPECT_THAT([&] { File::fileSize(directory); }, ThrowsMessage<File::FileSizeError>(StrEq("File size not found")));
+
+    const auto fifo = directory / "pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const struct {
+        std::filesystem::path path;
+        std::string error;
+    } opens[] = {
+        {missing, "FileError. Open(2): No such file or directory (" + missing.string() + ")"},
+        {directory, "FileError. Open(21): Is a directory (" + directory.string() + ")"},
+        // Without a writer: the open must neither wait (holding a pool thread) nor read it.
+        {fifo, "FileError. Open: Not a regular file (" + fifo.string() + ")"},
+    };
+    for (const auto& open : opens) {
+        SCOPED_TRACE(open.path);
+        auto iterator = File(open.path).makeIterator();
+        auto pull = std::async(std::launch::async, [&] { async::syncWait(iterator.nextBuffer(16)); });
+        if (pull.wait_for(std::chrono::seconds(60)) == std::future_status::timeout) {
+            net::OwnedDescriptor writer(::open(fifo.c_str(), O_WRONLY | O_CLOEXEC));  // frees the waiting open
+            ADD_FAILURE() << "opening waited";
+        }
+        EXPECT_THAT([&] { pull.get(); }, ThrowsMessage<File::FileError>(StrEq(open.error)));
+    }
 }
 
 TEST(ConsumingSequence, IteratorsTakeTurnsOnOnePass) {
@@ -183,9 +166,9 @@ TEST(ConsumingSequence, IteratorsTakeTurnsOnOnePass) {
     const net::ConsumingAsyncSequence sequence{net::AsyncBufferedCollection(bytes)};
     auto first = sequence.makeIterator();
     auto second = sequence.makeIterator();
-    EXPECT_EQ(*async::syncWait(first.nextBuffer(4)), net::Bytes(bytes.begin(), bytes.begin() + 4));
+    EXPECT_EQ(*async::syncWait(first.nextBuffer(4)), slice(bytes, 0, 4));
     EXPECT_EQ(*async::syncWait(second.next()), bytes[4]);
-    EXPECT_EQ(*async::syncWait(first.nextBuffer(100)), net::Bytes(bytes.begin() + 5, bytes.end()));
+    EXPECT_EQ(*async::syncWait(first.nextBuffer(100)), slice(bytes, 5, 10));
     EXPECT_EQ(async::syncWait(second.nextBuffer(1)), std::nullopt);
     EXPECT_EQ(sequence.index(), 10u);
 }

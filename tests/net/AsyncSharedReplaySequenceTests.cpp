@@ -7,14 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <vector>
 
 using namespace orvel;
 using namespace std::chrono_literals;
@@ -27,19 +22,19 @@ static_assert(net::AsyncBufferedSequence<net::AsyncSharedReplaySequence>);
 namespace {
 
 // A base that hands out the chunks, the end and the error a test gives it, in that order, and
-// records every pull. A pull with nothing to hand out waits for the test, like a quiet
-// connection, and raises CancellationError when its task is cancelled, like the socket pool.
+// records the size every pull asks for. A pull with nothing to hand out waits for the test, like
+// a quiet connection, and raises CancellationError when its task is cancelled, like the socket pool.
 class FakeBase final : public net::AsyncByteSequence {
 public:
     void deliver(net::Bytes chunk) { push({std::move(chunk), nullptr}); }
-    void end() { push({std::nullopt, nullptr}); }
+    void end() { push({}); }
     void fail(std::exception_ptr error) { push({std::nullopt, std::move(error)}); }
 
-    std::size_t pulls() { return suggestions().size(); }
     std::vector<std::size_t> suggestions() {
         std::lock_guard lock(mutex_);
         return suggestions_;
     }
+    std::size_t pulls() { return suggestions().size(); }
     std::size_t undelivered() {
         std::lock_guard lock(mutex_);
         return queue_.size();
@@ -47,43 +42,37 @@ public:
     // Blocks the test until a pull waits for it.
     bool awaitWaitingPull() {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, 30s, [this] { return waiter_.has_value(); });
+        return changed_.wait_for(lock, 60s, [this] { return waiter_.has_value(); });
     }
 
     async::Task<std::optional<net::Bytes>> nextBuffer(std::size_t suggested) override {
-        std::optional<Outcome> ready;
-        {
-            std::lock_guard lock(mutex_);
-            suggestions_.push_back(suggested);
-            if (!queue_.empty()) ready = pop();
-        }
-        if (!ready)
-            ready = co_await net::withIdentifiableContinuation<Outcome>(
-                [this](Waiter continuation) {
-                    std::unique_lock lock(mutex_);
-                    if (queue_.empty()) {
-                        waiter_ = continuation;
-                        changed_.notify_all();
-                        return;
-                    }
-                    auto outcome = pop();
-                    lock.unlock();
-                    continuation.resume(std::move(outcome));
-                },
-                [this](net::ContinuationID id) {
-                    std::unique_lock lock(mutex_);
-                    if (!waiter_ || waiter_->id != id) return;
-                    auto continuation = *std::exchange(waiter_, std::nullopt);
-                    lock.unlock();
-                    continuation.resumeThrowing(std::make_exception_ptr(async::CancellationError()));
-                });
-        if (ready->error) std::rethrow_exception(ready->error);
-        co_return std::move(ready->chunk);
+        auto outcome = co_await net::withIdentifiableContinuation<Outcome>(
+            [this, suggested](Waiter continuation) {
+                std::unique_lock lock(mutex_);
+                suggestions_.push_back(suggested);
+                if (queue_.empty()) {
+                    waiter_ = continuation;
+                    changed_.notify_all();
+                    return;
+                }
+                auto outcome = std::move(queue_.front());
+                queue_.pop_front();
+                lock.unlock();
+                continuation.resume(std::move(outcome));
+            },
+            [this](net::ContinuationID id) {
+                std::unique_lock lock(mutex_);
+                if (!waiter_ || waiter_->id != id) return;
+                auto continuation = *std::exchange(waiter_, std::nullopt);
+                lock.unlock();
+                continuation.resumeThrowing(std::make_exception_ptr(async::CancellationError()));
+            });
+        if (outcome.error) std::rethrow_exception(outcome.error);
+        co_return std::move(outcome.chunk);
     }
-
     async::Task<std::optional<net::Byte>> next() override {
-        auto chunk = co_await nextBuffer(1);
-        co_return chunk ? std::optional<net::Byte>(chunk->front()) : std::nullopt;
+        ADD_FAILURE() << "the replay pulls its base by buffers only";
+        co_return std::nullopt;
     }
 
 private:
@@ -93,17 +82,9 @@ private:
     };
     using Waiter = net::IdentifiableContinuation<Outcome>;
 
-    Outcome pop() {
-        auto outcome = std::move(queue_.front());
-        queue_.pop_front();
-        return outcome;
-    }
     void push(Outcome outcome) {
         std::unique_lock lock(mutex_);
-        if (!waiter_) {
-            queue_.push_back(std::move(outcome));
-            return;
-        }
+        if (!waiter_) return queue_.push_back(std::move(outcome));
         auto continuation = *std::exchange(waiter_, std::nullopt);
         lock.unlock();
         continuation.resume(std::move(outcome));
@@ -136,6 +117,7 @@ async::Task<void> flush(net::AsyncSharedReplaySequence sequence) { co_await sequ
 
 }  // namespace
 
+// The readers all wait for the first chunk: one pull per chunk (and one for the end) serves them all.
 TEST(ReplayReading, ConcurrentReadersEachGetEveryByteInOrderWhileTheBaseIsReadOnce) {
     auto base = std::make_shared<FakeBase>();
     const net::AsyncSharedReplaySequence sequence(base);
@@ -177,18 +159,6 @@ TEST(ReplayReading, ACountIsNeverExceededInWhatIsAskedOrDelivered) {
     EXPECT_THAT(base->suggestions(), ElementsAre(6, 2));  // and no pull for the end
 }
 
-TEST(ReplayWaiting, OneRequestServesEveryWaitingReader) {
-    auto base = std::make_shared<FakeBase>();
-    const net::AsyncSharedReplaySequence sequence(base);
-    auto first = async::spawn(nextBuffer(sequence.makeIterator(), 10));
-    auto second = async::spawn(nextBuffer(sequence.makeIterator(), 2));
-    ASSERT_TRUE(base->awaitWaitingPull());
-    base->deliver(range(1, 5));
-    EXPECT_EQ(first.wait(), range(1, 5));
-    EXPECT_EQ(second.wait(), range(1, 2));
-    EXPECT_EQ(base->pulls(), 1u);
-}
-
 TEST(ReplayWaiting, ACancelledWaitingReaderSeesTheEndAndOthersStillGetTheBody) {
     auto base = std::make_shared<FakeBase>();
     const net::AsyncSharedReplaySequence sequence(base);
@@ -202,33 +172,36 @@ TEST(ReplayWaiting, ACancelledWaitingReaderSeesTheEndAndOthersStillGetTheBody) {
     EXPECT_EQ(later.wait(), range(1, 5));
 }
 
-TEST(ReplayErrors, AnErroringBaseRaisesToEveryWaiterAndEveryLaterReader) {
-    auto base = std::make_shared<FakeBase>();
-    const net::AsyncSharedReplaySequence sequence(base);
-    auto first = async::spawn(nextBuffer(sequence.makeIterator(), 10));
-    auto second = async::spawn(nextBuffer(sequence.makeIterator(), 10));
-    ASSERT_TRUE(base->awaitWaitingPull());
-    base->fail(std::make_exception_ptr(net::SocketError::failed("Read", ECONNRESET)));
-    const auto reset = ThrowsMessage<net::SocketError>(StrEq("SocketError. Read(104): Connection reset by peer"));
-    EXPECT_THAT([&] { first.wait(); }, reset);
-    EXPECT_THAT([&] { second.wait(); }, reset);
-    EXPECT_THAT([&] { async::syncWait(nextBuffer(sequence.makeIterator(), 1)); }, reset);
-    EXPECT_EQ(base->pulls(), 1u);
-}
-
-TEST(ReplayErrors, ABaseShorterThanTheCountRaisesDisconnectedToItsWaiterAndAfterItsBytes) {
-    auto base = std::make_shared<FakeBase>();
-    base->deliver(range(1, 3));
-    const net::AsyncSharedReplaySequence sequence(base, 10);
-    auto reader = async::spawn(collect(sequence.makeIterator(), 100));
-    ASSERT_TRUE(base->awaitWaitingPull());  // the reader has the three bytes and waits for more
-    base->end();
-    const auto disconnected = ThrowsMessage<net::SocketError>(StrEq("SocketError. Disconnected"));
-    EXPECT_THAT([&] { reader.wait(); }, disconnected);
-    auto later = sequence.makeIterator();
-    EXPECT_EQ(async::syncWait(later.nextBuffer(100)), range(1, 3));
-    EXPECT_THAT([&] { async::syncWait(later.nextBuffer(100)); }, disconnected);
-    EXPECT_THAT([&] { async::syncWait(flush(sequence)); }, disconnected);
+TEST(ReplayErrors, AFailingOrShortBaseRaisesToEveryWaiterAndAfterTheKeptBytesToEveryLaterReader) {
+    const struct {
+        const char* name;
+        bool fails;
+        const char* error;
+    } cases[] = {
+        {"the base fails", true, "SocketError. Read(104): Connection reset by peer"},
+        {"the base ends short of the count", false, "SocketError. Disconnected"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto base = std::make_shared<FakeBase>();
+        base->deliver(range(1, 3));
+        const net::AsyncSharedReplaySequence sequence(base, 10);
+        auto first = async::spawn(collect(sequence.makeIterator(), 100));
+        auto second = async::spawn(collect(sequence.makeIterator(), 100));
+        ASSERT_TRUE(base->awaitWaitingPull());  // a reader has the three bytes and waits for more
+        if (c.fails)
+            base->fail(std::make_exception_ptr(net::SocketError::failed("Read", ECONNRESET)));
+        else
+            base->end();
+        const auto raises = ThrowsMessage<net::SocketError>(StrEq(c.error));
+        EXPECT_THAT([&] { first.wait(); }, raises);
+        EXPECT_THAT([&] { second.wait(); }, raises);
+        auto later = sequence.makeIterator();
+        EXPECT_EQ(async::syncWait(later.nextBuffer(100)), range(1, 3));
+        EXPECT_THAT([&] { async::syncWait(later.nextBuffer(100)); }, raises);
+        EXPECT_THAT([&] { async::syncWait(flush(sequence)); }, raises);
+        EXPECT_EQ(base->pulls(), 2u);
+    }
 }
 
 TEST(ReplayFlush, TakesTheWholeBodyFromTheBaseInRunsOf4096AndNoMore) {

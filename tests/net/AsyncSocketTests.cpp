@@ -8,17 +8,14 @@
 
 #include <future>
 #include <numeric>
-#include <string>
-#include <thread>
 
 using namespace orvel;
 using namespace orvel::net;
+using test::bytes;
 using test::outcome;
 using Bytes = std::vector<std::uint8_t>;
 
 namespace {
-
-Bytes bytes(std::string_view text) { return {text.begin(), text.end()}; }
 
 Bytes pattern(std::size_t count) {
     Bytes data(count);
@@ -101,13 +98,9 @@ async::Task<std::string> lineThenRest(AsyncSocketReadSequence sequence, std::siz
 }
 
 AsyncSocket listenOnLoopback(const std::shared_ptr<SocketPool>& pool, int backlog = 16) {
-    const auto socket = Socket::make(AF_INET);
-    OwnedDescriptor owner(socket.file.rawValue);
-    socket.setValue(true, reuseAddress);
-    socket.bind(inet("127.0.0.1", 0));
-    socket.listen(backlog);
-    AsyncSocket listener(socket, pool);
-    owner.release();
+    auto listening = test::listeningOnLoopback(backlog);
+    AsyncSocket listener(listening.socket, pool);
+    listening.owner.release();
     return listener;
 }
 
@@ -119,9 +112,13 @@ AnySocketAddress addressOf(const AsyncSocket& listener) {
 
 using AsyncSocketReading = test::RunningPool;
 
-TEST_F(AsyncSocketReading, ReadAtMostTakesOneReadOfAtMost4096BytesAndZeroBytesMakeNoCall) {
+TEST_F(AsyncSocketReading, WritesAndReadsMoreThanTheSocketBuffersHoldReadAtMostTakesOneReadAndZeroBytesMakeNoCall) {
     auto [reader, writer] = AsyncSocket::makePair(pool);
     Closing b(writer);
+    const auto data = pattern(4 << 20);
+    auto write = async::spawn(writeAll(writer, data));
+    EXPECT_EQ(async::syncWait(readBytes(reader, data.size())), data);
+    EXPECT_EQ(outcome(write), "");
     async::syncWait(writeAll(writer, pattern(10000)));
     EXPECT_EQ(async::syncWait(readAtMost(reader, 10000)).size(), 4096u);
     EXPECT_EQ(async::syncWait(readAtMost(reader, 10)).size(), 10u);
@@ -141,15 +138,6 @@ TEST_F(AsyncSocketReading, APeerThatClosesMidReadRaisesDisconnected) {
         writer.close();
         EXPECT_EQ(outcome(read), "SocketError. Disconnected") << count;
     }
-}
-
-TEST_F(AsyncSocketReading, WritesAndReadsMoreThanTheSocketBuffersHold) {
-    auto [reader, writer] = AsyncSocket::makePair(pool);
-    Closing a(reader), b(writer);
-    const auto data = pattern(4 << 20);
-    auto write = async::spawn(writeAll(writer, data));
-    EXPECT_EQ(async::syncWait(readBytes(reader, data.size())), data);
-    EXPECT_EQ(outcome(write), "");
 }
 
 TEST_F(AsyncSocketReading, BytesALineReaderLeavesReachTheNextReaderExactlyOnceThenTheEndIsDisconnected) {
@@ -201,16 +189,16 @@ TEST_F(AsyncSocketReading, AHandlerThatBlocksItsThreadDoesNotHoldUpAnotherConnec
 
 using AsyncSocketConnecting = test::RunningPool;
 
-TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6Loopback) {
+TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6LoopbackAndClosingTheListenerEndsItsSequenceQuietly) {
     const auto socket = Socket::make(AF_INET6);
     socket.bind(loopback(0));
     socket.listen(4);
     AsyncSocket listener(socket, pool);
-    Closing l(listener);
+    const AnySocketAddress address(loopback(socket.sockname().port));
     auto accepted = async::spawn(acceptOne(listener));
     ASSERT_TRUE(parked(1));
     EXPECT_FALSE(accepted.isFinished());
-    auto client = async::syncWait(connectTo(AnySocketAddress(loopback(socket.sockname().port)), pool));
+    auto client = async::syncWait(connectTo(address, pool));
     Closing c(client);
     auto server = accepted.wait();
     Closing s(server);
@@ -218,23 +206,18 @@ TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6Loopback) {
     EXPECT_EQ(server.socket().remotePeer(), client.socket().sockname());
     async::syncWait(writeAll(client, bytes("over v6")));
     EXPECT_EQ(async::syncWait(readBytes(server, 7)), bytes("over v6"));
-}
 
-TEST_F(AsyncSocketConnecting, ClosingAListenerEndsItsAcceptSequenceQuietly) {
-    auto listener = listenOnLoopback(pool);
     auto accepting = async::spawn(acceptUntilEnd(listener));
-    auto first = async::syncWait(connectTo(addressOf(listener), pool));
-    first.close();
+    async::syncWait(connectTo(address, pool)).close();
     ASSERT_TRUE(parked(1));
     listener.close();
     EXPECT_EQ(accepting.wait(), 1);
 }
 
 TEST_F(AsyncSocketConnecting, ARefusedConnectionFailsAndLeavesNothingOpen) {
-    const auto bound = Socket::make(AF_INET);  // bound, never listening: connections are refused
-    OwnedDescriptor owner(bound.file.rawValue);
-    bound.bind(inet("127.0.0.1", 0));
-    const auto result = outcome(async::spawn(connectTo(AnySocketAddress(inet("127.0.0.1", bound.sockname().port)), pool)));
+    test::Owned bound(Socket::make(AF_INET));  // bound, never listening: connections are refused
+    bound->bind(inet("127.0.0.1", 0));
+    const auto result = outcome(async::spawn(connectTo(AnySocketAddress(inet("127.0.0.1", bound.port())), pool)));
     // Refused at once, or reported by the queue as an error while in progress.
     EXPECT_THAT(result, testing::AnyOf("SocketError. Connect(111): Connection refused", "SocketError. Disconnected"));
 }
@@ -254,10 +237,9 @@ TEST_F(AsyncSocketConnecting, AConnectionThatDoesNotCompleteInTimeRaisesTimeoutE
 }
 
 TEST_F(AsyncSocketConnecting, MakingASocketSetsExactlyNonBlocking) {
-    auto [a, b] = Socket::makePair(SocketType::stream);
-    OwnedDescriptor ownA(a.file.rawValue), ownB(b.file.rawValue);
-    a.setFlags(Socket::Flags(O_APPEND));
-    AsyncSocket socket(a, pool);
+    test::Pair pair(Socket::makePair(SocketType::stream));
+    pair.socket().setFlags(Socket::Flags(O_APPEND));
+    AsyncSocket socket(pair.socket(), pool);
     EXPECT_EQ(socket.socket().flags().rawValue & ~O_ACCMODE, O_NONBLOCK);
     const Socket closed(Socket::make(AF_INET));
     closed.close();

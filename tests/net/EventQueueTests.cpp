@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <functional>
 #include <future>
 #include <memory>
 
@@ -36,16 +37,7 @@ protected:
         queue.reset();
         FdLeakCheck::TearDown();
     }
-    // A wait that must return nothing: the queue is stopped while (or before) it blocks.
-    std::vector<EventNotification> stoppedWait() {
-        auto waited = std::async(std::launch::async, [&] { return queue->getNotifications(); });
-        queue->stop();  // the eventfd stays readable until a wait drains it
-        EXPECT_EQ(waited.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-        return waited.get();
-    }
-    std::size_t kernelRegistrations(const Pair& pair) const {
-        return orvel::test::epollWatch(queue->file().rawValue, pair.first.get()).has_value();
-    }
+    bool registered(const Pair& pair) const { return orvel::test::epollWatch(queue->file().rawValue, pair.first.get()).has_value(); }
 
     std::unique_ptr<EPoll> queue;
 };
@@ -61,7 +53,7 @@ TEST_F(EPollQueue, EventsAreRegisteredOnceAndAddedAndRemovedSeparately) {
     queue->removeEvents(Event::write, file);
     queue->removeEvents(Event::read, pair.peer().file);
     EXPECT_EQ(queue->existing().at(file), Socket::Events(Event::read));
-    EXPECT_EQ(kernelRegistrations(pair), 1u);
+    EXPECT_TRUE(registered(pair));
 
     queue->addEvents(Event::write, file);
     EXPECT_EQ(queue->existing().at(file), (Socket::Events{Event::read, Event::write}));
@@ -70,7 +62,7 @@ TEST_F(EPollQueue, EventsAreRegisteredOnceAndAddedAndRemovedSeparately) {
     EXPECT_THAT(queue->getNotifications(), ElementsAre(EventNotification{file, Event::write, {}}));
     queue->removeEvents(Event::write, file);
     EXPECT_FALSE(queue->existing().contains(file));
-    EXPECT_EQ(kernelRegistrations(pair), 0u);
+    EXPECT_FALSE(registered(pair));
 }
 
 TEST_F(EPollQueue, FailuresAreReportedAndLeaveNothingRegistered) {
@@ -97,37 +89,14 @@ TEST_F(EPollQueue, FailuresAreReportedAndLeaveNothingRegistered) {
     EXPECT_EQ(errorOf([&] { queue->close(); }), "SocketError. Disconnected");
 }
 
-TEST_F(EPollQueue, ReadAndWriteReadinessAreSeparateNotificationsAtMostTheLimitPerWait) {
+TEST_F(EPollQueue, AWaitReturnsAtMostTheLimit) {
     open();
-    Pair pair;
-    queue->addEvents({Event::read, Event::write}, pair.socket().file);
-    pair.peer().write("x", 1);
-    EXPECT_THAT(queue->getNotifications(), ElementsAre(EventNotification{pair.socket().file, Event::read, {}},
-                                                       EventNotification{pair.socket().file, Event::write, {}}));
-    queue->removeEvents({Event::read, Event::write}, pair.socket().file);
     std::vector<Pair> pairs(25);
     for (auto& readable : pairs) {
         queue->addEvents(Event::read, readable.socket().file);
         readable.peer().write("x", 1);
     }
     EXPECT_EQ(queue->getNotifications().size(), 20u);
-}
-
-TEST_F(EPollQueue, AGonePeerIsEndOfFileForWritersAtOnceAndForReadersOnceTheBytesAreRead) {
-    open();
-    Pair reading, writing;
-    queue->addEvents(Event::read, reading.socket().file);
-    reading.peer().write("left", 4);
-    reading.second = OwnedDescriptor();
-    EXPECT_THAT(queue->getNotifications(), ElementsAre(EventNotification{reading.socket().file, Event::read, {}}));
-    char buffer[8];
-    ASSERT_EQ(::read(reading.first.get(), buffer, sizeof buffer), 4);
-    EXPECT_THAT(queue->getNotifications(), ElementsAre(EventNotification{reading.socket().file, Event::read, {Error::endOfFile}}));
-    queue->removeEvents(Event::read, reading.socket().file);
-
-    queue->addEvents(Event::write, writing.socket().file);
-    writing.second = OwnedDescriptor();
-    EXPECT_THAT(queue->getNotifications(), ElementsAre(EventNotification{writing.socket().file, Event::write, {Error::endOfFile}}));
 }
 
 TEST_F(EPollQueue, EdgeTriggeredReportsEachChangeOnceAndTheNonBlockingTakeNeverWaits) {
@@ -140,23 +109,19 @@ TEST_F(EPollQueue, EdgeTriggeredReportsEachChangeOnceAndTheNonBlockingTakeNeverW
     queue->addEvents(Event::read, file);
     pair.peer().write("x", 1);
     EXPECT_THAT(queue->getNotifications(), ElementsAre(EventNotification{file, Event::read, {}}));
-    EXPECT_THAT(stoppedWait(), IsEmpty());  // still readable, but nothing changed
+    // Still readable, but nothing changed: a wait returns nothing once stopped.
+    auto waited = std::async(std::launch::async, [&] { return queue->getNotifications(); });
+    queue->stop();  // the eventfd stays readable until a wait drains it
+    ASSERT_EQ(waited.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_THAT(waited.get(), IsEmpty());
     pair.peer().write("y", 1);
     queue->getReadyNotifications(ready);
     EXPECT_THAT(ready, ElementsAre(EventNotification{file, Event::read, {}}));
-    EXPECT_EQ(kernelRegistrations(pair), 1u);
+    EXPECT_TRUE(registered(pair));
 }
 
-class PollQueue : public orvel::test::FdLeakCheck {
-protected:
-    void TearDown() override {
-        queue.close();  // its wake-up eventfd
-        FdLeakCheck::TearDown();
-    }
+TEST(PollQueue, RefusesEverythingUntilOpenedAndKeepsDescriptorAndEventSetPairs) {
     Poll queue{Poll::Interval::immediate(), logger()};
-};
-
-TEST_F(PollQueue, RefusesEverythingUntilOpenedAndKeepsDescriptorAndEventSetPairs) {
     EXPECT_THAT(errorOf([&] { queue.addEvents(Event::read, {0}); }), StartsWith("SocketError. poll.addEvents notReady("));
     EXPECT_THAT(errorOf([&] { queue.removeEvents(Event::read, {0}); }), StartsWith("SocketError. poll.removeEvents notReady("));
     EXPECT_THAT(errorOf([&] { queue.getNotifications(); }), StartsWith("SocketError. poll.getNotifications notReady("));
@@ -173,30 +138,59 @@ TEST_F(PollQueue, RefusesEverythingUntilOpenedAndKeepsDescriptorAndEventSetPairs
     EXPECT_FALSE(queue.isOpen());
 }
 
-TEST_F(PollQueue, ReportsOnlyReadyEvents) {
-    Pair pair;
-    queue.open();
-    queue.addEvents(Event::read, pair.socket().file);
-    EXPECT_THAT(queue.getNotifications(), IsEmpty());
-    queue.removeEvents(Event::read, pair.socket().file);
-    queue.addEvents({Event::read, Event::write}, pair.socket().file);
-    pair.peer().write("x", 1);
-    EXPECT_THAT(queue.getNotifications(), ElementsAre(EventNotification{pair.socket().file, {Event::read, Event::write}, {}}));
-}
-
-TEST_F(PollQueue, AFailedDescriptorIsReportedToItsWritersNotToItsReaders) {
-    int fds[2];
-    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-    OwnedDescriptor reader(fds[0]);
-    OwnedDescriptor writer(fds[1]);
-    reader = OwnedDescriptor();  // the write end now reports POLLERR
-    queue.open();
-    queue.addEvents(Event::read, {writer.get()});
-    EXPECT_THAT(queue.getNotifications(), IsEmpty());
-    queue.removeEvents(Event::read, {writer.get()});
-    queue.addEvents({Event::read, Event::write}, {writer.get()});
-    const auto notifications = queue.getNotifications();
-    ASSERT_EQ(notifications.size(), 1u);
-    EXPECT_EQ(notifications[0].events, (Socket::Events{Event::read, Event::write}));
-    EXPECT_TRUE(notifications[0].errors.contains(Error::error));
+// Both queues see the same descriptors: epoll reports each event on its own and a readable
+// descriptor's end only once its bytes are read; poll reports a descriptor once, and errors to
+// its writers alone.
+TEST(EventQueues, ReportWhatIsReadyAndAGonePeerOrAFailedDescriptorToTheRightWaiters) {
+    orvel::test::FdSnapshot descriptors;
+    const Socket::Events both{Event::read, Event::write};
+    const struct {
+        const char* name;
+        Socket::Events registered;
+        std::string sent;  // by the peer, then read back when `readBack`
+        bool peerGone, readBack, pipeWithoutReader;
+        std::vector<std::pair<Socket::Events, EventNotification::Errors>> epoll, poll;
+    } cases[] = {
+        {"nothing ready", Event::read, "", false, false, false, {}, {}},
+        {"readable and writable", both, "x", false, false, false, {{Event::read, {}}, {Event::write, {}}}, {{both, {}}}},
+        {"a gone peer's bytes unread", Event::read, "left", true, false, false, {{Event::read, {}}}, {{Event::read, {}}}},
+        {"a gone peer's bytes read", Event::read, "left", true, true, false, {{Event::read, {Error::endOfFile}}}, {{Event::read, {}}}},
+        {"a writer whose peer is gone", Event::write, "", true, false, false,
+         {{Event::write, {Error::endOfFile}}}, {{Event::write, {Error::endOfFile}}}},
+        {"a pipe without a reader, watched for reading", Event::read, "", false, false, true, {{Event::read, {Error::error}}}, {}},
+        {"a pipe without a reader", both, "", false, false, true,
+         {{Event::read, {Error::error}}, {Event::write, {Error::error}}}, {{both, {Error::error}}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EPoll epoll(20, logger());
+        Poll poll(Poll::Interval::immediate(), logger());
+        for (EventQueue* queue : {static_cast<EventQueue*>(&epoll), static_cast<EventQueue*>(&poll)}) {
+            Pair pair;
+            if (c.pipeWithoutReader) {  // the write end reports POLLERR
+                int fds[2];
+                ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+                pair.first = OwnedDescriptor(fds[1]);
+                pair.second = OwnedDescriptor(fds[0]);
+            }
+            if (!c.sent.empty()) pair.peer().write(c.sent.data(), c.sent.size());
+            if (c.peerGone || c.pipeWithoutReader) pair.second = OwnedDescriptor();
+            std::string buffer(c.sent.size() + 1, '\0');
+            if (c.readBack) {
+                ASSERT_EQ(::read(pair.first.get(), buffer.data(), buffer.size()), static_cast<ssize_t>(c.sent.size()));
+            }
+            queue->open();
+            queue->addEvents(c.registered, pair.socket().file);
+            std::vector<EventNotification> notifications;
+            if (queue == &epoll)
+                queue->getReadyNotifications(notifications);  // epoll's wait would block on nothing ready
+            else
+                queue->getNotifications(notifications);
+            std::vector<EventNotification> expected;
+            for (const auto& [events, errors] : queue == &epoll ? c.epoll : c.poll) expected.push_back({pair.socket().file, events, errors});
+            EXPECT_EQ(notifications, expected) << (queue == &epoll ? "epoll" : "poll");
+            queue->removeEvents(c.registered, pair.socket().file);
+            queue->close();
+        }
+    }
 }

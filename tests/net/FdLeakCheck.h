@@ -12,8 +12,8 @@
 #include <climits>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -44,44 +44,29 @@ inline std::map<int, std::string> openDescriptors() {
     return descriptors;
 }
 
-// The files mapped into this process: the test binary and its libraries.
-inline std::set<std::string> mappedFiles() {
-    std::set<std::string> files;
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        std::istringstream fields(line);
-        std::string range, permissions, offset, device, inode, path;
-        if (fields >> range >> permissions >> offset >> device >> inode >> path && path.starts_with('/'))
-            files.insert(path);
-    }
-    return files;
-}
-
-// The descriptors open now that were not in `before`, leaving out those onto the binary or one
-// of its libraries: the sanitizers' symbolizer opens them the first time it reads a stack and
-// keeps them open.
-inline std::map<int, std::string> descriptorsOpenedSince(const std::map<int, std::string>& before) {
-    std::map<int, std::string> opened;
-    std::set<std::string> mapped;
-    for (const auto& [fd, target] : openDescriptors())
-        if (auto found = before.find(fd); found == before.end() || found->second != target) {
-            if (mapped.empty())
-                mapped = mappedFiles();
-            if (!mapped.contains(target))
-                opened.emplace(fd, target);
-        }
-    return opened;
-}
-
 // Fails the current test for every descriptor opened since `before` that stays open, and every
-// one in `before` that is gone. Another thread may hold one for a moment (glibc and the sanitizers
-// read /proc/self/maps to find a stack), so a new descriptor counts only if it is still there after
-// a grace period; a real leak is.
+// one in `before` that is gone. Descriptors onto the binary or one of its libraries are left out:
+// the sanitizers' symbolizer opens them the first time it reads a stack and keeps them open.
+// Another thread may hold one for a moment (glibc and the sanitizers read /proc/self/maps to find
+// a stack), so a new descriptor counts only if it is still there after a grace period; a real
+// leak is.
 inline void expectUnchanged(const std::map<int, std::string>& before) {
-    auto opened = descriptorsOpenedSince(before);
+    const auto openedSince = [&] {
+        const auto now = openDescriptors();  // before the maps are open
+        std::set<std::string> mapped;
+        std::ifstream maps("/proc/self/maps");
+        for (std::string line; std::getline(maps, line);)
+            if (const auto slash = line.find('/'); slash != std::string::npos) mapped.insert(line.substr(slash));
+        std::map<int, std::string> opened;
+        for (const auto& [fd, target] : now)
+            if (auto found = before.find(fd); (found == before.end() || found->second != target) && !mapped.contains(target))
+                opened.emplace(fd, target);
+        return opened;
+    };
+    auto opened = openedSince();
     for (int attempt = 0; !opened.empty() && attempt < 50; ++attempt) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        opened = descriptorsOpenedSince(before);
+        opened = openedSince();
     }
     for (const auto& [fd, target] : opened)
         ADD_FAILURE() << "descriptor " << fd << " (" << target << ") leaked";
@@ -108,11 +93,11 @@ private:
 // Derived fixtures that override SetUp/TearDown call these first/last.
 class FdLeakCheck : public ::testing::Test {
 protected:
-    void SetUp() override { before_ = openDescriptors(); }
-    void TearDown() override { expectUnchanged(before_); }
+    void SetUp() override { snapshot_.emplace(); }
+    void TearDown() override { snapshot_.reset(); }
 
 private:
-    std::map<int, std::string> before_;
+    std::optional<FdSnapshot> snapshot_;
 };
 
 }  // namespace orvel::test

@@ -7,46 +7,41 @@
 #include <atomic>
 #include <mutex>
 #include <stdexcept>
+#include <optional>
 #include <thread>
-#include <unordered_map>
 
 using namespace orvel;
 using namespace std::chrono_literals;
 
 namespace {
 
-// A waiting table like the socket pool's: continuations stored by id, cancelled by id.
+// A waiting slot like an entry of the socket pool's table: stored with its id, cancelled by id.
 struct Waiters {
     std::mutex mutex;
-    std::unordered_map<net::ContinuationID, net::IdentifiableContinuation<int>> table;
-    std::atomic<int> bodyRuns{0};
-    std::atomic<int> cancelCalls{0};
+    std::optional<net::IdentifiableContinuation<int>> waiting;
+    std::atomic<int> bodyRuns{0}, cancelCalls{0};
     std::atomic<bool> cancelBeforeBody{false};
 
     void store(net::IdentifiableContinuation<int> continuation) {
         std::lock_guard lock(mutex);
         bodyRuns.fetch_add(1);
-        table.emplace(continuation.id, continuation);
+        waiting = continuation;
     }
     void cancel(net::ContinuationID id) {
         if (bodyRuns.load() == 0) cancelBeforeBody = true;
         cancelCalls.fetch_add(1);
-        std::unique_lock lock(mutex);
-        auto found = table.find(id);
-        if (found == table.end()) return;
-        auto continuation = found->second;
-        table.erase(found);
-        lock.unlock();
-        continuation.resumeThrowing(std::make_exception_ptr(async::CancellationError()));
+        if (auto continuation = take(id)) continuation->resumeThrowing(std::make_exception_ptr(async::CancellationError()));
     }
     bool resumeAny(int value) {
-        std::unique_lock lock(mutex);
-        if (table.empty()) return false;
-        auto continuation = table.begin()->second;
-        table.erase(table.begin());
-        lock.unlock();
-        continuation.resume(value);
-        return true;
+        auto continuation = take(std::nullopt);
+        if (continuation) continuation->resume(value);
+        return continuation.has_value();
+    }
+    // The waiting continuation, when it has the id (any id without one), out of its slot.
+    std::optional<net::IdentifiableContinuation<int>> take(std::optional<net::ContinuationID> id) {
+        std::lock_guard lock(mutex);
+        if (!waiting || (id && waiting->id != *id)) return std::nullopt;
+        return std::exchange(waiting, std::nullopt);
     }
 };
 

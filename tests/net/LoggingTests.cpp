@@ -1,21 +1,16 @@
 #include "net/Logging.h"
 
+#include "net/PoolTesting.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <memory>
-#include <stdexcept>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace orvel::net;
 
@@ -42,22 +37,6 @@ int buildsAtEveryLevel(const Logging& logger) {
     return calls;
 }
 
-}  // namespace
-
-TEST(PrintLogger, WritesOneLinePerLevelAsCategoryLevelAndMessage) {
-    PrintLogger logger("C");
-    testing::internal::CaptureStdout();
-    logger.logDebug([] { return "a"; });
-    logger.logInfo([] { return std::string("b"); });
-    logger.logError("d");
-    EXPECT_EQ(buildsAtEveryLevel(logger), 6);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[C] debug: a\n[C] info: b\n[C] error: d\n"
-              "[C] debug: built\n[C] info: built\n[C] notice: built\n[C] warning: built\n[C] error: built\n[C] critical: built\n");
-}
-
-namespace {
-
 // A pipe for a writer's text lines.
 struct Pipe {
     int fd[2] = {-1, -1};  // read, write
@@ -76,12 +55,10 @@ struct Pipe {
 }  // namespace
 
 TEST(JournalLogger, WritesEntriesInTheJournalsDatagramFormat) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
     const std::string path = testing::TempDir() + "orvel-journal-" + std::to_string(::getpid());
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-    const int journal = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(::bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    orvel::test::Owned journal(Socket::make(AF_UNIX, SocketType::datagram));
+    journal->bind(unix(path));
+    journal->setFlags(Socket::Flags::nonBlocking);
     LogWriter writer({.textDescriptor = -1, .journalSocket = path});
     const JournalLogger toJournal("LoggingTest", {.subsystem = "com.tamrix.orvel", .writer = &writer});
     EXPECT_TRUE(toJournal.writesToJournal());
@@ -90,20 +67,22 @@ TEST(JournalLogger, WritesEntriesInTheJournalsDatagramFormat) {
     writer.flush();
     constexpr char twoLines[] = "PRIORITY=3\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\n"
                                 "MESSAGE\n\x09\0\0\0\0\0\0\0two\nlines\n";
-    const std::string expected[] = {
-        "PRIORITY=6\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\nMESSAGE=journal line\n",
-        std::string(twoLines, sizeof twoLines - 1)};
-    for (const std::string& entry : expected) {
-        char buffer[256];
-        const ssize_t n = ::recv(journal, buffer, sizeof buffer, MSG_DONTWAIT);
-        EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0))), entry);
-    }
-    ::close(journal);
+    EXPECT_EQ(journal->receive(256).bytes,
+              orvel::test::bytes("PRIORITY=6\nSYSLOG_IDENTIFIER=orvel\nCATEGORY=LoggingTest\nSUBSYSTEM=com.tamrix.orvel\nMESSAGE=journal line\n"));
+    EXPECT_EQ(journal->receive(256).bytes, orvel::test::bytes(std::string_view(twoLines, sizeof twoLines - 1)));
     ::unlink(path.c_str());
 }
 
-TEST(Loggers, DroppedLevelsAreNeverBuilt) {
+TEST(Loggers, WriteTheirLineFormatAndNeverBuildADroppedLevel) {
     EXPECT_EQ(buildsAtEveryLevel(DisabledLogger()), 0);
+    testing::internal::CaptureStdout();
+    const PrintLogger print("C");
+    print.logInfo([] { return "from a callable"; });
+    print.logError("fixed");
+    EXPECT_EQ(buildsAtEveryLevel(print), 6);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[C] info: from a callable\n[C] error: fixed\n[C] debug: built\n[C] info: built\n[C] notice: built\n"
+              "[C] warning: built\n[C] error: built\n[C] critical: built\n");
 
     Pipe text;
     {

@@ -4,6 +4,7 @@
 #include "net/Logging.h"
 #include "net/Mutex.h"
 #include "net/OwnedDescriptor.h"
+#include "net/SocketAddress.h"
 #include "net/SocketPool.h"
 
 #include "net/FdLeakCheck.h"
@@ -35,6 +36,8 @@ bool eventually(Condition condition) {
     return true;
 }
 
+inline std::vector<std::uint8_t> bytes(std::string_view text) { return {text.begin(), text.end()}; }
+
 // The events (EPOLLIN, EPOLLOUT) the kernel watches `fd` for in the epoll instance, read from
 // /proc/self/fdinfo; nothing when it is not registered there.
 inline std::optional<std::uint32_t> epollWatch(int epoll, int fd) {
@@ -45,26 +48,21 @@ inline std::optional<std::uint32_t> epollWatch(int epoll, int fd) {
     return std::nullopt;
 }
 
-// What a finished task raised, or "" when it returned. Blocks until it ends.
-template <class T>
-std::string outcome(const async::TaskHandle<T>& handle) {
+// What the call raised, or "" when it returned.
+template <class Call>
+std::string errorOf(Call call) {
     try {
-        handle.wait();
+        call();
         return "";
     } catch (const std::exception& error) {
         return error.what();
     }
 }
 
-// The text of the SocketError the call raised, or "" when it returned.
-template <class Call>
-std::string errorOf(Call call) {
-    try {
-        call();
-        return "";
-    } catch (const net::SocketError& error) {
-        return error.what();
-    }
+// What a finished task raised, or "" when it returned. Blocks until it ends.
+template <class T>
+std::string outcome(const async::TaskHandle<T>& handle) {
+    return errorOf([&] { handle.wait(); });
 }
 
 // Pointers, not shared_ptr parameters: a parameter lives as long as the coroutine frame, which
@@ -83,23 +81,38 @@ struct RecordingLogger final : net::Logging {
     net::Mutex<std::vector<std::string>> lines;
 };
 
-// A connected non-blocking stream pair, closed when it goes.
+// A socket whose descriptor is closed when it goes.
+struct Owned {
+    explicit Owned(net::Socket socket) : owner(socket.file.rawValue), socket(socket) {}
+    const net::Socket* operator->() const { return &socket; }
+    std::uint16_t port() const { return socket.sockname().port; }
+    net::OwnedDescriptor owner;
+    net::Socket socket;
+};
+
+// A connected pair (by default non-blocking streams), closed when it goes.
 struct Pair {
-    Pair() {
-        auto [a, b] = net::Socket::makeNonBlockingPair(net::SocketType::stream);
-        first = net::OwnedDescriptor(a.file.rawValue);
-        second = net::OwnedDescriptor(b.file.rawValue);
-    }
+    explicit Pair(std::pair<net::Socket, net::Socket> made = net::Socket::makeNonBlockingPair(net::SocketType::stream))
+        : first(made.first.file.rawValue), second(made.second.file.rawValue) {}
     net::Socket socket() const { return net::Socket(first.get()); }
     net::Socket peer() const { return net::Socket(second.get()); }
     void fillSocketBuffer() const {
         std::vector<char> chunk(1 << 16);
-        while (socket().tryWrite(chunk.data(), chunk.size()).done()) {
-        }
+        for (int writes = 0; socket().tryWrite(chunk.data(), chunk.size()).done();)
+            ASSERT_LT(++writes, 10000) << "the socket buffer never filled";
     }
     net::OwnedDescriptor first;
     net::OwnedDescriptor second;
 };
+
+// An IPv4 socket listening on an ephemeral loopback port.
+inline Owned listeningOnLoopback(int backlog = 16) {
+    Owned listener(net::Socket::make(AF_INET));
+    listener->setValue(true, net::reuseAddress);
+    listener->bind(net::inet("127.0.0.1", 0));
+    listener->listen(backlog);
+    return listener;
+}
 
 // A prepared epoll pool whose loop runs for the length of each test, with the descriptor check.
 class RunningPool : public FdLeakCheck {

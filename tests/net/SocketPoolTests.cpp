@@ -20,12 +20,7 @@ using namespace orvel::net;
 using testing::Contains;
 using testing::ElementsAre;
 using Event = Socket::Event;
-using test::eventually;
-using test::outcome;
-using test::Pair;
-using test::preparePool;
-using test::runPool;
-using test::waitOn;
+using namespace orvel::test;
 
 namespace {
 
@@ -39,17 +34,14 @@ public:
     bool isRegistered(Socket::FileDescriptor) const noexcept override { return false; }
     void forget(Socket::FileDescriptor) noexcept override {}
     void removeEvents(Socket::Events, Socket::FileDescriptor) override {
-        if (failRemoval)
-            throw SocketError::failed("remove", EIO);
+        if (failRemoval) throw SocketError::failed("remove", EIO);
     }
     void getNotifications(std::vector<EventNotification>& into) override {
         std::unique_lock lock(mutex);
         changed.wait(lock, [&] { return stopped || !batches.empty() || failure; });
         into.clear();
-        if (failure)
-            std::rethrow_exception(std::exchange(failure, nullptr));
-        if (std::exchange(stopped, false))
-            return;
+        if (failure) std::rethrow_exception(std::exchange(failure, nullptr));
+        if (std::exchange(stopped, false)) return;
         into = std::move(batches.front());
         batches.pop_front();
     }
@@ -77,10 +69,10 @@ private:
 
 // Registrations are read from the kernel (/proc/self/fdinfo of the pool's epoll instance): the
 // pool's own record changes on its wait thread, and reading it here would race.
-class SocketPoolWaiters : public test::RunningPool {
+class SocketPoolWaiters : public RunningPool {
 protected:
     std::uint32_t watched(const Socket& socket) const {
-        return test::epollWatch(static_cast<const EPoll&>(pool->queue()).file().rawValue, socket.file.rawValue).value_or(0);
+        return epollWatch(static_cast<const EPoll&>(pool->queue()).file().rawValue, socket.file.rawValue).value_or(0);
     }
     bool registered(const Socket& socket, Socket::Events events) const {
         return watched(socket) == ((events.contains(Event::read) ? EPOLLIN : 0u) | (events.contains(Event::write) ? EPOLLOUT : 0u));
@@ -90,11 +82,15 @@ protected:
 
 }  // namespace
 
-TEST_F(SocketPoolWaiters, TwoWaitersForReadAreBothWokenByOneNotification) {
+TEST_F(SocketPoolWaiters, WaitersForReadAreAllWokenByOneNotificationAndACancelledOneAlone) {
     Pair pair;
     auto first = park(pair.socket(), Event::read);
+    auto cancelled = park(pair.socket(), Event::read);
     auto second = park(pair.socket(), Event::read);
     EXPECT_TRUE(registered(pair.socket(), Event::read));
+    cancelled.cancel();
+    EXPECT_EQ(outcome(cancelled), "CancellationError()");
+    EXPECT_EQ(pool->waitingCount(), 2u);
     pair.peer().write("x", 1);
     EXPECT_EQ(outcome(first), "");
     EXPECT_EQ(outcome(second), "");
@@ -121,18 +117,6 @@ TEST_F(SocketPoolWaiters, AReaderAndAWriterOnOneDescriptorAreWokenSeparately) {
     while (pair.peer().tryRead(chunk.data(), chunk.size()).done()) {
     }
     EXPECT_EQ(outcome(writer), "");
-}
-
-TEST_F(SocketPoolWaiters, CancellingParkedTasksResumesThemWithCancellation) {
-    Pair pair;
-    auto first = park(pair.socket(), Event::read);
-    auto second = park(pair.socket(), Event::read);
-    first.cancel();
-    EXPECT_EQ(outcome(first), "CancellationError()");
-    EXPECT_EQ(pool->waitingCount(), 1u);
-    second.cancel();
-    EXPECT_EQ(outcome(second), "CancellationError()");
-    EXPECT_EQ(pool->waitingCount(), 0u);
 }
 
 // Waits after the first cost no system call: wake-ups and cancellations leave the kernel's
@@ -196,31 +180,6 @@ TEST_F(SocketPoolLifecycle, ASecondRunFailsAndCancellingTheRunWakesEveryWaiterAn
     EXPECT_EQ(outcome(async::spawn(runPool(pool.get()))), "Not Ready");
 }
 
-TEST(SocketPoolStates, AnUnpreparedPoolTakesNoWaitersAndDoesNotRun) {
-    test::FdSnapshot descriptors;
-    auto pool = SocketPool::make(20, std::make_shared<DisabledLogger>());
-    EXPECT_EQ(pool->state(), std::nullopt);
-    Pair pair;
-    EXPECT_EQ(outcome(async::spawn(waitOn(pool.get(), pair.socket(), Event::read))), "Not Ready");
-    EXPECT_EQ(outcome(async::spawn(runPool(pool.get()))), "Not Ready");
-}
-
-TEST(SocketPoolStates, EpollAndPollPoolsServeWaitersParkedBeforeTheLoopRuns) {
-    test::FdSnapshot descriptors;
-    const auto logger = std::make_shared<DisabledLogger>();
-    for (const auto& pool : {SocketPool::make(20, logger), SocketPool::poll(Poll::Interval::seconds(0.01), logger)}) {
-        async::syncWait(preparePool(pool.get()));
-        Pair pair;
-        auto waiter = async::spawn(waitOn(pool.get(), pair.socket(), Event::read));
-        ASSERT_TRUE(eventually([&] { return pool->waitingCount() == 1; }));
-        pair.peer().write("x", 1);
-        auto loop = async::spawn(runPool(pool.get()));
-        EXPECT_EQ(outcome(waiter), "");
-        loop.cancel();
-        EXPECT_EQ(outcome(loop), "CancellationError()");
-    }
-}
-
 namespace {
 // The state letter of each of this process's threads with the name (R running, S sleeping).
 std::string statesOfThreads(std::string_view name) {
@@ -237,24 +196,36 @@ std::string statesOfThreads(std::string_view name) {
 }
 }  // namespace
 
-// A poll pool parks while nobody waits, however long its interval: a first waiter is served at
-// once, stopping takes effect at once, and with `immediate` the idle loop does not spin.
-TEST(SocketPoolStates, APollPoolParksWhileIdleAndWakesForAWaiterOrAStop) {
-    test::FdSnapshot descriptors;
+// An unprepared pool takes no waiters and does not run; waiters parked before the loop runs are
+// served once it does. A poll pool parks while nobody waits, however long its interval: a first
+// waiter is served at once, stopping takes effect at once, and with `immediate` the idle loop does
+// not spin.
+TEST(SocketPoolStates, PoolsServeEarlyWaitersAndAPollPoolParksWhileIdleAndWakesForAWaiterOrAStop) {
+    FdSnapshot descriptors;
     const auto logger = std::make_shared<DisabledLogger>();
-    for (const auto interval : {Poll::Interval::seconds(600), Poll::Interval::immediate()}) {
-        auto pool = SocketPool::poll(interval, logger);
+    for (const auto& pool : {SocketPool::make(20, logger), SocketPool::poll(Poll::Interval::seconds(600), logger),
+                             SocketPool::poll(Poll::Interval::immediate(), logger)}) {
+        const bool polls = !dynamic_cast<const EPoll*>(&pool->queue());
+        SCOPED_TRACE(polls ? "poll" : "epoll");
+        Pair early, late;
+        EXPECT_EQ(pool->state(), std::nullopt);
+        EXPECT_EQ(outcome(async::spawn(waitOn(pool.get(), early.socket(), Event::read))), "Not Ready");
+        EXPECT_EQ(outcome(async::spawn(runPool(pool.get()))), "Not Ready");
         async::syncWait(preparePool(pool.get()));
+        auto waiter = async::spawn(waitOn(pool.get(), early.socket(), Event::read));
+        ASSERT_TRUE(eventually([&] { return pool->waitingCount() == 1; }));
+        early.peer().write("x", 1);
         auto loop = async::spawn(runPool(pool.get()));
-        ASSERT_TRUE(eventually([&] { return pool->state() == SocketPool::State::running; }));
-        EXPECT_TRUE(eventually([&] {
-            const auto states = statesOfThreads("orvel.pool");
-            return !states.empty() && states.find_first_not_of('S') == std::string::npos;
-        }));
-        Pair pair;
-        pair.peer().write("x", 1);
-        auto waiter = async::spawn(waitOn(pool.get(), pair.socket(), Event::read));
-        ASSERT_TRUE(eventually([&] { return waiter.isFinished(); })) << "the first waiter waited out the interval";
+        EXPECT_EQ(outcome(waiter), "");
+        if (polls) {
+            EXPECT_TRUE(eventually([&] {
+                const auto states = statesOfThreads("orvel.pool");
+                return !states.empty() && states.find_first_not_of('S') == std::string::npos;
+            }));
+        }
+        late.peer().write("x", 1);
+        auto next = async::spawn(waitOn(pool.get(), late.socket(), Event::read));
+        ASSERT_TRUE(eventually([&] { return next.isFinished(); })) << "the first waiter waited out the interval";
         loop.cancel();
         ASSERT_TRUE(eventually([&] { return loop.isFinished(); })) << "stop() did not end the wait";
         EXPECT_EQ(outcome(loop), "CancellationError()");
@@ -281,7 +252,7 @@ protected:
         return handle;
     }
 
-    std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
+    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
     ScriptedQueue* queue = nullptr;
     std::shared_ptr<SocketPool> pool;
     async::TaskHandle<void> loop;
@@ -314,7 +285,7 @@ async::Task<void> stop(ClientPoolLoader* loader) { co_await loader->stop(); }
 }  // namespace
 
 TEST(ClientPoolLoading, PreparesAndStartsThePoolOnceAndStopsIt) {
-    test::FdSnapshot descriptors;
+    FdSnapshot descriptors;
     ClientPoolLoader loader(std::make_shared<DisabledLogger>());
     EXPECT_FALSE(loader.isStarted());
     EXPECT_TRUE(async::syncWait(samePoolTwice(&loader)));
