@@ -27,12 +27,6 @@ constexpr auto cycleGuard = 180s;  // a check, download and unpack on a loaded m
 
 std::string script(const std::string& name) { return ORVEL_SOURCE_DIR "/scripts/" + name; }
 
-bool canConnect(std::uint16_t port) {
-    test::Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    auto address = test::loopbackAddress(port);
-    return ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-}
-
 std::string readFile(const fs::path& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
@@ -88,7 +82,7 @@ protected:
                     "http.server.ThreadingHTTPServer(('127.0.0.1', int(sys.argv[2])), Slow).serve_forever()\n",
                     feed().string(), port};
         auto server = std::make_unique<test::ChildProcess>(argv, test::ChildProcess::Options{});
-        const bool up = test::waitUntil([&] { return server->waitForExit(0s) || canConnect(feedPort); }, 60s);
+        const bool up = test::waitUntil([&] { return server->waitForExit(0s) || test::connectTo(feedPort); }, 60s);
         EXPECT_TRUE(up && !server->waitForExit(0s)) << "the feed server did not start: " << server->output();
         return server;
     }
@@ -148,7 +142,7 @@ TEST_F(UpdateEndToEnd, AnIdleInstallUpdatesAndRelaunchesItselfIntoTheNewRelease)
     auto orvel = start();
     EXPECT_EQ(servedVersion(), "1.0.0-a");
     std::vector<std::string> lines = {
-        "SPUUpdater, willScheduleUpdateCheckAfterDelay: 5.000000 seconds",
+        "SPUUpdater, willScheduleUpdateCheckAfterDelay: 2.000000 seconds",  // the test builds' delay,
         "SPUUpdater, mayPerformUpdateCheck of type: 1. Responding true",
         "SPUUpdater, didFinishLoading: Appcast with 1 item: 1.0.1",
         "SPUUpdater, didFindValidUpdate: 1.0.1",
