@@ -66,7 +66,7 @@ protected:
         ASSERT_EQ(made.exitCode, 0) << made.output;
     }
 
-    // A slow server sends 64 KiB every 50 ms, so that a download lasts long enough to be killed.
+    // A slow server sends 16 KiB every 50 ms, so that a download lasts long enough to be killed.
     std::unique_ptr<test::ChildProcess> serve(bool slow = false) {
         const std::string port = std::to_string(feedPort);
         std::vector<std::string> argv{test::findProgram("python3"), "-m", "http.server", port, "--bind", "127.0.0.1",
@@ -76,7 +76,7 @@ protected:
                     "import http.server, os, sys, time\n"
                     "class Slow(http.server.SimpleHTTPRequestHandler):\n"
                     "    def copyfile(self, source, target):\n"
-                    "        while chunk := source.read(65536):\n"
+                    "        while chunk := source.read(16384):\n"
                     "            target.write(chunk); target.flush(); time.sleep(0.05)\n"
                     "os.chdir(sys.argv[1])\n"
                     "http.server.ThreadingHTTPServer(('127.0.0.1', int(sys.argv[2])), Slow).serve_forever()\n",
