@@ -65,8 +65,10 @@ AppDelegate::Environment AppDelegate::Environment::standard(
         const Bundle& main = Bundle::mainBundle();
         update::Updater::Bundle bundle{appVersion(main).value_or(""), main.stringForInfoDictionaryKey(Bundle::feedURLKey),
                                        main.stringForInfoDictionaryKey(Bundle::publicEDKeyKey), executable};
-        return std::make_unique<update::Updater>(bundle, bundle, delegate, delegate,
-                                                 update::Updater::Configuration{.relaunch = relaunch});
+        update::Updater::Configuration configuration{.relaunch = relaunch};
+        if (const auto* delay = main.objectForInfoDictionaryKey(Bundle::testFirstCheckDelayKey))
+            if (const auto* seconds = std::get_if<double>(delay)) configuration.firstCheckDelay = *seconds;
+        return std::make_unique<update::Updater>(bundle, bundle, delegate, delegate, std::move(configuration));
     };
     return {Bundle::mainBundle(), std::move(loginItem), appLogger(), std::move(terminate), registers,
             std::move(makeUpdater), &currentStreamCount(), &platform::NSLog};

@@ -25,6 +25,9 @@ Bundle::InfoDictionary Bundle::builtInInfoDictionary() {
 #ifdef ORVEL_PUBLIC_ED_KEY
     if (std::string key = ORVEL_PUBLIC_ED_KEY; !key.empty()) info.emplace(publicEDKeyKey, std::move(key));
 #endif
+#ifdef ORVEL_TEST_FIRST_CHECK_DELAY
+    info.emplace(testFirstCheckDelayKey, double{ORVEL_TEST_FIRST_CHECK_DELAY});
+#endif
     return info;
 }
 

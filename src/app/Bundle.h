@@ -23,6 +23,9 @@ public:
     static constexpr const char* automaticUpdatesKey = "SUAutomaticallyUpdate";
     static constexpr const char* feedURLKey = "SUFeedURL";
     static constexpr const char* publicEDKeyKey = "SUPublicEDKey";
+    // Seconds from start to the updater's first check. It exists for the updater's end-to-end
+    // tests, whose builds set it so as not to wait the default; no release build has it.
+    static constexpr const char* testFirstCheckDelayKey = "OrvelTestFirstCheckDelay";
 
     Bundle(std::string bundleIdentifier, InfoDictionary infoDictionary);
 

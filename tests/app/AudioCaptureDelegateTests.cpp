@@ -69,20 +69,19 @@ TEST(AudioCaptureDelegateConstruction, TakesRatesFrom8000To384000AndRefusesOther
     }
 }
 
-// The conversion rule itself (rounding, clamping, NaN, byte order) is SampleConversion's test.
-TEST_F(AudioCaptureDelegateTest, YieldsTheConvertedSamplesAndAnEmptyBufferForZeroFrames) {
-    EXPECT_THAT(convert({-1.0f, 0.5f, 2.0f}), ElementsAre(-32768, 16384, 32767));
-    EXPECT_THAT(convert({}), IsEmpty()) << "zero frames yield an empty buffer";
-}
-
-TEST_F(AudioCaptureDelegateTest, ConvertsSamplesThatAreNotFloatAlignedAndIgnoresAFractionOfAHertz) {
-    const std::vector<float> samples{0.25f, -0.25f, 1.0f};
+// The conversion rule itself (rounding, clamping, NaN, byte order) is SampleConversion's test;
+// here that what arrives is converted: zero frames, samples not float-aligned, a fraction of a hertz.
+TEST_F(AudioCaptureDelegateTest, YieldsTheConvertedSamplesOfEachFittingBuffer) {
+    const std::vector<float> samples{-1.0f, 0.5f, 2.0f}, none, half{0.5f};
     std::vector<std::byte> shifted(samples.size() * sizeof(float) + 1);
     std::memcpy(shifted.data() + 1, samples.data(), samples.size() * sizeof(float));
-    EXPECT_THAT(convertBuffer({true, platform::AudioStreamDescription{48000.0, 1}, std::span<const std::byte>(shifted).subspan(1)}),
-                ElementsAre(8192, -8192, 32767));
-    const std::vector<float> half{0.5f};
-    EXPECT_THAT(convertBuffer(floatBuffer(half, 48000.7)), ElementsAre(16384));
+    const std::pair<platform::SampleBuffer, std::vector<std::int16_t>> cases[] = {
+        {floatBuffer(samples), {-32768, 16384, 32767}},
+        {floatBuffer(none), {}},
+        {{true, platform::AudioStreamDescription{48000.0, 1}, std::span<const std::byte>(shifted).subspan(1)}, {-32768, 16384, 32767}},
+        {floatBuffer(half, 48000.7), {16384}},
+    };
+    for (const auto& [buffer, expected] : cases) EXPECT_EQ(convertBuffer(buffer), expected) << expected.size() << " samples";
 }
 
 TEST_F(AudioCaptureDelegateTest, EachUnfitBufferEndsTheCaptureWithItsError) {

@@ -64,7 +64,6 @@ INSTANTIATE_TEST_SUITE_P(Servers, AudioCaptureOnSoundServer, ::testing::ValuesIn
 
 struct Capture {
     int rate;
-    std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
     std::shared_ptr<Received> received = std::make_shared<Received>();
     async::TaskHandle<void> consumer;
 

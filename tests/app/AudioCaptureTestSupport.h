@@ -1,35 +1,19 @@
 #pragma once
-// Fakes for the capture tests: a logger that keeps its lines, and a capture service whose
-// streams record what is asked of them and deliver buffers when the test says so.
+// Fakes for the capture tests: a capture service whose streams record what is asked of them and
+// deliver buffers when the test says so.
 
 #include "app/AudioCapture.h"
 #include "async/Spawn.h"
-#include "net/Logging.h"
+#include "http/HTTPTestSupport.h"
 #include "platform/CaptureStream.h"
 
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
 namespace orvel::test {
 
-class RecordingLogger final : public net::Logging {
-public:
-    void log(Level level, const net::LogMessage& message) const override {
-        std::lock_guard lock(mutex_);
-        lines_.push_back(std::string(name(level)) + ": " + message());
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    mutable std::vector<std::string> lines_;
-};
+using RecordingLogger = http::RecordingLogger;
 
 class FakeCaptureStream final : public platform::CaptureStream {
 public:

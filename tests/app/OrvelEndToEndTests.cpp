@@ -13,7 +13,6 @@
 #include <sys/resource.h>
 #include <cmath>
 #include <fstream>
-#include <future>
 #include <thread>
 
 namespace orvel {
@@ -97,86 +96,58 @@ TEST_F(OrvelEndToEnd, VersionRouteAnswersEachBuildsInfoDictionary) {
         EXPECT_EQ(answer.statusLine, "HTTP/1.1 200 OK") << binary;
         EXPECT_THAT(answer.head, HasSubstr("Access-Control-Allow-Origin: *\r\n"));
         EXPECT_EQ(answer.body, body) << binary;
+        // Only a GET is the version route: anything else meets the WebSocket route's origin test.
+        const auto post = test::httpExchange("POST /version HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        EXPECT_EQ(post.statusLine, "HTTP/1.1 403 Forbidden");
         EXPECT_EQ(orvel->terminate(), 0);
         EXPECT_TRUE(ranTerminationSteps(orvel->output()));
     }
 }
 
-// The route's own cases are unit-tested; here only that the binary wires them in order.
-TEST_F(OrvelEndToEnd, OtherRequestsMeetTheOriginTestThenTheHandshakeRules) {
-    auto orvel = start();
-    auto post = test::httpExchange("POST /version HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-    EXPECT_EQ(post.statusLine, "HTTP/1.1 403 Forbidden");
-    EXPECT_TRUE(orvel->waitForLine("error: Origin header is not present, rejecting WebSocket connection."));
-    test::WebSocketClient good("http://localhost");
-    EXPECT_EQ(good.statusLine(), "HTTP/1.1 101 Switching Protocols");
-    EXPECT_THAT(good.head(), HasSubstr("Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"));
-    // Closing before any configuration: the parse line, and no stream counted.
-    good.close();
-    EXPECT_TRUE(orvel->waitForLine("error: Could not parse configuration, closing WebSocket connection."));
-    EXPECT_EQ(orvel->terminate(), 0);
-    EXPECT_THAT(orvel->output(), Not(HasSubstr("Streaming connections:")));
-}
-
 // Three pages at once, two at 48000 Hz and one at 16000 Hz, on one record stream per rate: each
-// gets 100 ms messages (what they hold is checked by the capture's own test and the browser's),
-// the count follows them, and neither a vanished nor a closed page leaves a capture behind.
-TEST_F(OrvelEndToEnd, StreamsToEachPageInHundredMillisecondMessages) {
+// gets 100 ms messages (what they hold is checked by the capture's own test and the browser's) and
+// the count follows them. Each round then quits while pages stream; the first lets the 16000 Hz
+// page vanish and one other close first, and the vanished page leaves no capture behind. A few
+// rounds keep the suite's time in bounds; run more by hand with --gtest_repeat, under
+// AddressSanitizer, where any leak or use after free fails the exit.
+TEST_F(OrvelEndToEnd, StreamsToEachPageInHundredMillisecondMessagesAndQuitsCleanlyWhileTheyStream) {
     test::PulseAudioServer pulse;
-    auto orvel = start({{"PULSE_SERVER", pulse.server()}});
-    struct Page {
-        int rate;
-        test::WebSocketClient client;
-    };
-    Page pages[] = {{48000, test::WebSocketClient("http://localhost:3000")},
-                    {16000, test::WebSocketClient("https://app.tamrix.com")},
-                    {48000, test::WebSocketClient("http://localhost")}};
-    for (std::size_t i = 0; i < 3; ++i) {
-        ASSERT_EQ(pages[i].client.statusLine(), "HTTP/1.1 101 Switching Protocols");
-        pages[i].client.sendText(R"({"type": "loopback", "sample_rate": )" + std::to_string(pages[i].rate) + "}");
-        ASSERT_TRUE(orvel->waitForLine("Streaming connections: " + std::to_string(i + 1) + "."));
-    }
-    for (int i = 0; i < 10; ++i) {
-        for (auto& page : pages) {
-            auto message = page.client.receive();
-            ASSERT_TRUE(message) << "connection ended after " << i << " messages\n" << orvel->output();
-            ASSERT_EQ(message->opcode, 2);
-            ASSERT_EQ(message->payload.size(), static_cast<std::size_t>(page.rate / 5)) << "message " << i;
-        }
-    }
-    EXPECT_EQ(pulse.sourceOutputs().size(), 2u);
-
-    pages[0].client.drop();  // no closing handshake: the socket just goes
-    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 2."));
-    pages[1].client.close();
-    pages[2].client.close();
-    EXPECT_TRUE(orvel->waitForLine("Stopped audio capture."));
-    ASSERT_TRUE(orvel->waitForLine("Streaming connections: 0."));
-    EXPECT_TRUE(pulse.waitUntilNoSourceOutputs()) << "a capture outlived its page";
-    EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
-}
-
-// Each round quits while pages stream. A few rounds keep the suite's time in bounds; run more by
-// hand with --gtest_repeat, under AddressSanitizer, where any leak or use after free fails the exit.
-constexpr int quitWhileStreamingRounds = 5;
-
-TEST_F(OrvelEndToEnd, QuittingWhileThreePagesStreamEndsCleanlyWithBothTerminationLines) {
-    test::PulseAudioServer pulse;
-    for (int round = 0; round < quitWhileStreamingRounds; ++round) {
+    const std::pair<int, std::string> pages[] = {{16000, "https://app.tamrix.com"}, {48000, "http://localhost:3000"},
+                                                 {48000, "http://localhost"}};
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
         auto orvel = start({{"PULSE_SERVER", pulse.server()}});
-        std::vector<test::WebSocketClient> pages;
-        for (const int rate : {48000, 16000, 48000}) {
-            pages.emplace_back("http://localhost");
-            pages.back().sendText(R"({"type": "loopback", "sample_rate": )" + std::to_string(rate) + "}");
+        std::vector<test::WebSocketClient> clients;
+        for (const auto& [rate, origin] : pages) {
+            clients.emplace_back(origin);
+            ASSERT_EQ(clients.back().statusLine(), "HTTP/1.1 101 Switching Protocols");
+            clients.back().sendText(R"({"type": "loopback", "sample_rate": )" + std::to_string(rate) + "}");
+            ASSERT_TRUE(orvel->waitForLine("Streaming connections: " + std::to_string(clients.size()) + "."));
         }
-        ASSERT_TRUE(orvel->waitForLine("Streaming connections: 3.")) << orvel->output();
-        for (auto& page : pages) ASSERT_TRUE(page.receive()) << "round " << round << "\n" << orvel->output();
-        EXPECT_EQ(orvel->terminate(), 0) << "round " << round << "\n" << orvel->output();
-        EXPECT_TRUE(ranTerminationSteps(orvel->output())) << "round " << round;
-        for (auto& page : pages) {
-            const auto last = lastMessage(page);
-            ASSERT_TRUE(last) << "round " << round;
-            EXPECT_EQ(last->payload, closePayload(1001, "Going away")) << "round " << round;
+        for (int i = 0; i < (round == 0 ? 10 : 1); ++i) {
+            for (std::size_t p = 0; p < clients.size(); ++p) {
+                auto message = clients[p].receive();
+                ASSERT_TRUE(message) << "connection ended after " << i << " messages\n" << orvel->output();
+                ASSERT_EQ(message->opcode, 2);
+                ASSERT_EQ(message->payload.size(), static_cast<std::size_t>(pages[p].first / 5)) << "message " << i;
+            }
+        }
+        EXPECT_EQ(pulse.sourceOutputs().size(), 2u);
+        std::size_t firstStreaming = 0;
+        if (round == 0) {
+            clients[0].drop();  // no closing handshake: the socket just goes
+            ASSERT_TRUE(orvel->waitForLine("Streaming connections: 2."));
+            EXPECT_TRUE(test::waitUntil([&] { return pulse.sourceOutputs().size() == 1; })) << "a capture outlived its page";
+            clients[1].close();
+            ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
+            firstStreaming = 2;
+        }
+        EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
+        EXPECT_TRUE(ranTerminationSteps(orvel->output()));
+        for (std::size_t p = firstStreaming; p < clients.size(); ++p) {
+            const auto last = lastMessage(clients[p]);
+            ASSERT_TRUE(last);
+            EXPECT_EQ(last->payload, closePayload(1001, "Going away"));
         }
     }
 }
@@ -239,13 +210,7 @@ TEST_F(OrvelEndToEnd, ThePortTakenEndsOrvelWithTheErrorLineAndAFailureStatus) {
     EXPECT_TRUE(ranTerminationSteps(orvel.output()));
 }
 
-// The executable copied out of the build folder, as an installed one would be.
-std::string installedCopy(const std::filesystem::path& folder) {
-    std::filesystem::create_directories(folder / "bin");
-    std::filesystem::copy_file(test::OrvelProcess::mainBinary(), folder / "bin" / "orvel");
-    return (folder / "bin" / "orvel").string();
-}
-
+// Then an unwritable config folder: logged, and launch goes on.
 TEST_F(OrvelEndToEnd, AnInstalledOrvelRegistersItsLoginItemOnceAndABuildFolderRunNever) {
     const auto entry = config_.path() / "config" / "autostart" / "com.tamrix.orvel.desktop";
     auto fromBuild = start();
@@ -253,7 +218,10 @@ TEST_F(OrvelEndToEnd, AnInstalledOrvelRegistersItsLoginItemOnceAndABuildFolderRu
     EXPECT_THAT(fromBuild->output(), HasSubstr("info: Running from its build folder, Orvel does not register itself as a login item.\n"));
     EXPECT_FALSE(std::filesystem::exists(entry));
 
-    const auto installed = installedCopy(config_.path());
+    // The executable copied out of the build folder, as an installed one would be.
+    const auto installed = (config_.path() / "bin" / "orvel").string();
+    std::filesystem::create_directories(config_.path() / "bin");
+    std::filesystem::copy_file(test::OrvelProcess::mainBinary(), installed);
     rlimit inherited{};
     ::getrlimit(RLIMIT_NOFILE, &inherited);
     rlimit low{std::min<rlim_t>(256, inherited.rlim_max), inherited.rlim_max};
@@ -272,16 +240,13 @@ TEST_F(OrvelEndToEnd, AnInstalledOrvelRegistersItsLoginItemOnceAndABuildFolderRu
     EXPECT_THAT(second->output(), HasSubstr("info: No graphical session, running headless without a tray icon.\n"));
     EXPECT_THAT(second->output(), HasSubstr("Application launched."));
     EXPECT_THAT(second->output(), Not(HasSubstr("login item")));
-}
 
-TEST_F(OrvelEndToEnd, AnUnwritableConfigFolderIsLoggedAndLaunchGoesOn) {
     // A file where the config folder should be: even root cannot create folders under it.
     std::ofstream(config_.path() / "file") << "not a folder";
-    auto orvel = start({{"XDG_CONFIG_HOME", (config_.path() / "file" / "config").string()}}, installedCopy(config_.path()));
+    auto unwritable = start({{"XDG_CONFIG_HOME", (config_.path() / "file" / "config").string()}}, installed);
     EXPECT_EQ(test::httpExchange(getVersion).statusLine, "HTTP/1.1 200 OK");
-    EXPECT_EQ(orvel->terminate(), 0);
-    EXPECT_THAT(orvel->output(), HasSubstr("notice: Trying to register as login item.\n"));
-    EXPECT_THAT(orvel->output(), HasSubstr("notice: Failed to register as login item "));
+    EXPECT_EQ(unwritable->terminate(), 0);
+    EXPECT_THAT(unwritable->output(), HasSubstr("notice: Failed to register as login item "));
 }
 
 // The tray's menu as labels, and its icon, once they satisfy `done` (or as they are after the guard).
@@ -349,67 +314,32 @@ TEST_F(OrvelEndToEnd, TheTrayShowsNameVersionAndStreamingPagesAndQuitTerminates)
     EXPECT_THAT(orvel->output(), Not(HasSubstr("No tray host")));
 }
 
-// The page library in node: what a program gets is what was played, in order, in 100 ms chunks.
-TEST_F(OrvelEndToEnd, ANodeProgramWithThePageLibraryGetsThePlayedSound) {
-    test::PulseAudioServer pulse;
-    test::TestSignals signals;
-    const auto speech = signals.speech("A page gets the computer's sound in three lines.");
-    const auto reference = signals.samples(speech, 16000);
-    auto orvel = start({{"PULSE_SERVER", pulse.server()}});
-    const auto file = config_.path() / "captured.f32";
-    test::ChildProcess client({test::findProgram("node"), ORVEL_SOURCE_DIR "/tests/node/capture-client.mjs", "16000",
-                               std::to_string(reference.size() / 16000 + 3), file.string()}, {});
-    ASSERT_TRUE(client.waitForLineContaining("streaming", 60s)) << client.output() << orvel->output();
-    auto player = pulse.play(speech);
-    ASSERT_EQ(client.exitCode(120s), 0) << client.output();
-    const auto summary = nlohmann::json::parse(client.output().substr(client.output().rfind('{')));
-    EXPECT_EQ(summary, nlohmann::json::parse(R"({"indicesInOrder": true, "sizes": [1600]})")) << summary.dump();
-    std::vector<float> captured(std::filesystem::file_size(file) / sizeof(float));
-    std::ifstream(file, std::ios::binary).read(reinterpret_cast<char*>(captured.data()), captured.size() * sizeof(float));
-    const auto match = test::findWindow(captured, reference, 3200);
-    EXPECT_GT(match.correlation, 0.95) << "the middle of the phrase is not in what the client got";
-    EXPECT_NEAR(match.levelRatio, 1.0, 0.2);
-    EXPECT_EQ(orvel->terminate(), 0) << orvel->output();
-}
-
 // What the desktop does to the sound server while a page streams, on PulseAudio and PipeWire: the
-// default output switched to another sink playing another tone, the server killed and started
-// again after 2 s, then killed for good.
+// default output switched to another sink, the server killed and started again after 2 s, then
+// killed for good. That the capture follows and fills the gap is the capture's own test.
 class OrvelThroughDesktopChanges : public OrvelEndToEnd, public ::testing::WithParamInterface<test::SoundServer::Kind> {};
 
 INSTANTIATE_TEST_SUITE_P(Servers, OrvelThroughDesktopChanges, ::testing::ValuesIn(test::soundServerKinds),
                          test::soundServerName<::testing::TestParamInfo<test::SoundServer::Kind>>);
 
-TEST_P(OrvelThroughDesktopChanges, FollowsTheDefaultOutputRidesOutARestartAndFailsOnlyWhenTheServerStaysAway) {
+TEST_P(OrvelThroughDesktopChanges, StreamsOnThroughASwitchAndARestartAndEndsOnlyWhenTheServerStaysAway) {
     test::SoundServer server(GetParam());
-    test::TestSignals signals;
-    const auto tone = signals.sine(1000, 0.5, 30);
     auto orvel = start({{"PULSE_SERVER", server.server()}});
     test::WebSocketClient page("http://localhost");
     page.sendText(R"({"type":"loopback","sample_rate":16000})");
     ASSERT_TRUE(orvel->waitForLine("Streaming connections: 1."));
-    const auto messages = [&](int count) {
-        std::vector<std::uint8_t> received;
-        for (int i = 0; i < count; ++i) {
-            auto message = page.receive();
-            if (!message || message->opcode != 2) return std::optional<std::vector<std::uint8_t>>();
-            received.insert(received.end(), message->payload.begin(), message->payload.end());
-        }
-        return std::optional(received);
+    const auto streams = [&](int count) {
+        for (int i = 0; i < count; ++i)
+            if (auto message = page.receive(); !message || message->opcode != 2) return false;
+        return true;
     };
-    ASSERT_TRUE(messages(5));
+    ASSERT_TRUE(streams(5));
     server.addSink("orvel_second");  // now the default
-    auto player = server.play(tone, "orvel_second");
-    const auto afterSwitch = messages(30);
-    ASSERT_TRUE(afterSwitch) << "the stream ended at the switch\n" << orvel->output();
-    const auto match = test::findWindow(test::int16ToFloats(*afterSwitch), signals.samples(tone, 16000), 1600);
-    EXPECT_GT(match.correlation, 0.95) << "the new default's tone is not in the stream";
-
-    player.reset();
+    EXPECT_TRUE(streams(20)) << "the stream ended at the switch\n" << orvel->output();
     server.stop(SIGKILL);
     std::this_thread::sleep_for(2s);
     server.start();
-    EXPECT_TRUE(messages(50)) << "the stream did not go on after the restart\n" << orvel->output();
+    EXPECT_TRUE(streams(50)) << "the stream did not go on after the restart\n" << orvel->output();
 
     server.stop(SIGKILL);
     const auto last = lastMessage(page);
@@ -513,45 +443,6 @@ TEST_F(OrvelEndToEnd, TheDemoPageSaysWhyItCouldNotConnect) {
         if (orvel) {
             EXPECT_TRUE(orvel->waitForLine("Origin http://127.0.0.1:"));
         }
-    }
-}
-
-// What a page's close event says when its stream ends badly: after an invalid configuration, a
-// capture failure (no sound server), and Orvel quitting.
-TEST_F(OrvelEndToEnd, APageCanTellWhyItsStreamEnded) {
-    if (auto missing = test::Chromium::missingTools(); !missing.empty())
-        GTEST_SKIP() << "missing: " << missing << "(scripts/setup installs them)";
-    struct Case {
-        std::string configuration;
-        bool quit;  // with a sound server, so that only quitting ends the stream
-        int code;
-        std::string reason;
-    } cases[] = {
-        {R"({"type": "loopback"})", false, 1007, "Invalid configuration"},
-        {R"({"type": "loopback", "sample_rate": 16000})", false, 1011, "Audio capture failed"},
-        {R"({"type": "loopback", "sample_rate": 16000})", true, 1001, "Going away"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.reason);
-        std::optional<test::PulseAudioServer> pulse;
-        test::EnvironmentChanges environment;
-        if (c.quit) environment["PULSE_SERVER"] = pulse.emplace().server();
-        auto orvel = start(environment);
-        const std::string page = R"(<script>
-window.result = new Promise((resolve) => {
-  const socket = new WebSocket("ws://127.0.0.1:8505");
-  socket.onopen = () => socket.send()" + nlohmann::json(c.configuration).dump() + R"();
-  socket.onclose = (event) => resolve({ code: event.code, reason: event.reason });
-});
-</script>)";
-        auto closed = std::async(std::launch::async, [&] { return test::Chromium::evaluate(page, "window.result", 90s); });
-        if (c.quit) {
-            EXPECT_TRUE(orvel->waitForLine("Streaming connections: 1."));
-            EXPECT_EQ(orvel->terminate(), 0);
-        }
-        const auto result = closed.get();
-        ASSERT_TRUE(result.ok) << result.error << "\n" << orvel->output();
-        EXPECT_EQ(result.value, nlohmann::json({{"code", c.code}, {"reason", c.reason}}));
     }
 }
 

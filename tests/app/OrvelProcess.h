@@ -48,13 +48,10 @@ inline Fd bindOrvelPort() {
     return socket;
 }
 
-// A connection to orvel with receive and send time-outs as hang guards; invalid if refused.
-inline Fd connectToOrvel() {
+// A connection to 127.0.0.1:port; invalid if refused.
+inline Fd connectTo(std::uint16_t port) {
     Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    timeval guard{30, 0};
-    ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
-    ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &guard, sizeof guard);
-    auto address = loopbackAddress(orvelPort);
+    auto address = loopbackAddress(port);
     if (::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return Fd();
     return socket;
 }
@@ -93,7 +90,6 @@ public:
     }
 
     std::string statusLine() const { return head_.substr(0, head_.find("\r\n")); }
-    const std::string& head() const { return head_; }
 
     void sendText(std::string_view text) { client_->sendFrame(http::frame(http::WSFrame::Opcode::text, true, http::bytesOf(text))); }
 
@@ -133,7 +129,7 @@ public:
 
     // False if orvel ended or did not accept connections within the guard.
     bool waitUntilServing() {
-        return waitUntil([&] { return waitForExit(0s) || connectToOrvel(); }, 30s) && !waitForExit(0s);
+        return waitUntil([&] { return waitForExit(0s) || connectTo(orvelPort); }, 30s) && !waitForExit(0s);
     }
 
     bool waitForLine(const std::string& text) { return waitForLineContaining(text, 30s).has_value(); }

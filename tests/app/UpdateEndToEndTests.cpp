@@ -27,12 +27,6 @@ constexpr auto cycleGuard = 180s;  // a check, download and unpack on a loaded m
 
 std::string script(const std::string& name) { return ORVEL_SOURCE_DIR "/scripts/" + name; }
 
-bool canConnect(std::uint16_t port) {
-    test::Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    auto address = test::loopbackAddress(port);
-    return ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-}
-
 std::string readFile(const fs::path& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
@@ -72,7 +66,7 @@ protected:
         ASSERT_EQ(made.exitCode, 0) << made.output;
     }
 
-    // A slow server sends 64 KiB every 50 ms, so that a download lasts long enough to be killed.
+    // A slow server sends 16 KiB every 50 ms, so that a download lasts long enough to be killed.
     std::unique_ptr<test::ChildProcess> serve(bool slow = false) {
         const std::string port = std::to_string(feedPort);
         std::vector<std::string> argv{test::findProgram("python3"), "-m", "http.server", port, "--bind", "127.0.0.1",
@@ -82,13 +76,13 @@ protected:
                     "import http.server, os, sys, time\n"
                     "class Slow(http.server.SimpleHTTPRequestHandler):\n"
                     "    def copyfile(self, source, target):\n"
-                    "        while chunk := source.read(65536):\n"
+                    "        while chunk := source.read(16384):\n"
                     "            target.write(chunk); target.flush(); time.sleep(0.05)\n"
                     "os.chdir(sys.argv[1])\n"
                     "http.server.ThreadingHTTPServer(('127.0.0.1', int(sys.argv[2])), Slow).serve_forever()\n",
                     feed().string(), port};
         auto server = std::make_unique<test::ChildProcess>(argv, test::ChildProcess::Options{});
-        const bool up = test::waitUntil([&] { return server->waitForExit(0s) || canConnect(feedPort); }, 60s);
+        const bool up = test::waitUntil([&] { return server->waitForExit(0s) || test::connectTo(feedPort); }, 60s);
         EXPECT_TRUE(up && !server->waitForExit(0s)) << "the feed server did not start: " << server->output();
         return server;
     }
@@ -148,7 +142,7 @@ TEST_F(UpdateEndToEnd, AnIdleInstallUpdatesAndRelaunchesItselfIntoTheNewRelease)
     auto orvel = start();
     EXPECT_EQ(servedVersion(), "1.0.0-a");
     std::vector<std::string> lines = {
-        "SPUUpdater, willScheduleUpdateCheckAfterDelay: 5.000000 seconds",
+        "SPUUpdater, willScheduleUpdateCheckAfterDelay: 2.000000 seconds",  // the test builds' delay,
         "SPUUpdater, mayPerformUpdateCheck of type: 1. Responding true",
         "SPUUpdater, didFinishLoading: Appcast with 1 item: 1.0.1",
         "SPUUpdater, didFindValidUpdate: 1.0.1",

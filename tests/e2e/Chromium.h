@@ -1,7 +1,7 @@
 #pragma once
-// Headless Chromium for end-to-end tests, through cdp.js (plain node): serves a page (or a
-// folder) at http://localhost:<free port>/, loads it, evaluates an expression that may return a promise and
-// gives its value as JSON. The browser runs in its own process group, which cdp.js ends.
+// Headless Chromium for end-to-end tests, through cdp.js (plain node): serves a folder at
+// http://<host>:<free port>/, loads a page of it, evaluates an expression that may return a
+// promise and gives its value as JSON. The browser runs in its own process group, which cdp.js ends.
 
 #include "e2e/Process.h"
 
@@ -25,11 +25,6 @@ public:
         if (findProgram("node").empty()) missing += "node ";
         if (!isExecutable(browser)) missing += std::string(browser) + " ";
         return missing;
-    }
-
-    static Evaluation evaluate(const std::string& pageHtml, const std::string& expression,
-                               std::chrono::milliseconds timeout = 60s) {
-        return run({"--page", pageHtml}, expression, timeout);
     }
 
     // A folder served as a site; `host` sets the page's origin, `screenshot` keeps a PNG.
