@@ -252,7 +252,8 @@ void ThreadPool::work() {
                     lock.lock();
                     spinning_.fetch_sub(1, std::memory_order_relaxed);
                 }
-                while (!(haveJob = pop(job)) && !self.hasNext) {
+                // What the reactor handed this worker comes first: a shared job may block.
+                while (!self.hasNext && !(haveJob = pop(job))) {
                     if (stopping_) {
                         lock.unlock();
                         wakeSleeper();
