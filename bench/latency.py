@@ -12,9 +12,11 @@ Both paths share the player's own buffering, so the difference between them is O
 most of it the wait for the click's 100 ms message to fill (0 to 100 ms, by where it lands).
 
 With --server pipewire the sound server is PipeWire (pipewire, wireplumber and pipewire-pulse on
-a session bus of their own) instead of PulseAudio; the client side is the same.
+a session bus of their own) instead of PulseAudio; the client side is the same. With --pages N,
+N - 1 other pages stream at 48 kHz beside the measured one (bench/tools/ws_bench_client, built
+here, reading every message); the clicks start once they have had 5 s to connect.
 
-Usage: bench/latency.py [--orvel build/orvel] [--seconds 40] [--server pulseaudio|pipewire]
+Usage: bench/latency.py [--orvel build/orvel] [--seconds 40] [--server pulseaudio|pipewire] [--pages 1]
 Needs port 8505 free, pulseaudio or the PipeWire set, pacat and parec (scripts/setup installs
 them). Every process it starts is stopped by its PID.
 """
@@ -224,13 +226,20 @@ def main():
     parser.add_argument("--orvel", default=os.path.join(here, "build", "orvel"))
     parser.add_argument("--seconds", type=float, default=40.0)
     parser.add_argument("--server", choices=("pulseaudio", "pipewire"), default="pulseaudio")
+    parser.add_argument("--pages", type=int, default=1)
     args = parser.parse_args()
+    if args.pages < 1:
+        sys.exit("latency: --pages takes a count of at least 1")
     if not os.access(args.orvel, os.X_OK):
         sys.exit(f"latency: {args.orvel} is not built")
     if not port_free(8505):
         sys.exit("latency: something listens on 127.0.0.1:8505; stop it first")
 
     folder = tempfile.mkdtemp(prefix="orvel-latency-")
+    other_pages = os.path.join(folder, "ws_bench_client")
+    if args.pages > 1:
+        subprocess.run(["g++", "-std=c++20", "-O2", "-o", other_pages,
+                        os.path.join(here, "bench", "tools", "ws_bench_client.cpp")], check=True)
     runtime = os.path.join(folder, "runtime")
     os.mkdir(runtime, 0o700)
     env = {k: v for k, v in os.environ.items() if not k.startswith("PULSE_") and k not in ("DISPLAY", "WAYLAND_DISPLAY")}
@@ -307,6 +316,11 @@ def main():
                     raise RuntimeError("orvel did not start serving")
                 time.sleep(0.05)
         send_text(sock, '{"type": "loopback", "sample_rate": 48000}')
+        if args.pages > 1:
+            children.append(subprocess.Popen(
+                [other_pages, "scale", "8505", str(args.pages - 1), str(args.seconds + 20), str(orvel.pid),
+                 '{"type": "loopback", "sample_rate": 48000}'], stdout=subprocess.DEVNULL))
+            time.sleep(5)
 
         parec = subprocess.Popen(
             ["parec", "-d", "latency.monitor", "--raw", "--format=s16le", f"--rate={RATE}", "--channels=1",
@@ -335,7 +349,7 @@ def main():
         sock.close()
 
         load = os.getloadavg()[0]
-        print(f"server {args.server}; clicks played {len(clicks.due)}; found by orvel {len(ours)}, by parec {len(reference)}; "
+        print(f"server {args.server}; pages {args.pages}; clicks played {len(clicks.due)}; found by orvel {len(ours)}, by parec {len(reference)}; "
               f"message sizes {counts}; load average {load:.1f}")
         for name, values in (("orvel (WebSocket message)", ours), ("parec (reference)", reference)):
             ms = [v * 1000 for v in values]
