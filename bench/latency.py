@@ -316,10 +316,13 @@ def main():
                     raise RuntimeError("orvel did not start serving")
                 time.sleep(0.05)
         send_text(sock, '{"type": "loopback", "sample_rate": 48000}')
+        others = None
         if args.pages > 1:
-            children.append(subprocess.Popen(
-                [other_pages, "scale", "8505", str(args.pages - 1), str(args.seconds + 20), str(orvel.pid),
-                 '{"type": "loopback", "sample_rate": 48000}'], stdout=subprocess.DEVNULL))
+            # They read until the clicks' last message is in (5 s to connect, the clicks, 3 s after).
+            others = subprocess.Popen(
+                [other_pages, "scale", "8505", str(args.pages - 1), str(args.seconds + 8), str(orvel.pid),
+                 '{"type": "loopback", "sample_rate": 48000}'], stdout=subprocess.PIPE, text=True)
+            children.append(others)
             time.sleep(5)
 
         parec = subprocess.Popen(
@@ -351,6 +354,8 @@ def main():
         load = os.getloadavg()[0]
         print(f"server {args.server}; pages {args.pages}; clicks played {len(clicks.due)}; found by orvel {len(ours)}, by parec {len(reference)}; "
               f"message sizes {counts}; load average {load:.1f}")
+        if others:
+            print("other pages:", others.communicate(timeout=120)[0].strip())
         for name, values in (("orvel (WebSocket message)", ours), ("parec (reference)", reference)):
             ms = [v * 1000 for v in values]
             if ms:
