@@ -20,14 +20,6 @@ mkdir -p "$work/www"
 head -c 4096 /dev/urandom >"$work/www/4k.bin"
 head -c 1048576 /dev/urandom >"$work/www/1m.bin"
 
-wait_for() {  # port: polls until the 4 KiB file is served, at most 10 s
-    for _ in $(seq 200); do
-        curl -sf -o /dev/null "http://127.0.0.1:$1/4k.bin" && return 0
-        sleep 0.05
-    done
-    echo "files.sh: nothing serves on $1" >&2
-    exit 1
-}
 
 ours=$(free_port)
 "$server" --root "$work/www" --port "$ours" >/dev/null &

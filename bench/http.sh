@@ -23,14 +23,6 @@ command -v wrk >/dev/null || { echo "http.sh: wrk missing (scripts/setup install
 
 . "$here/bench/tools/scratch.sh"
 
-wait_for() {  # port: polls until something answers, at most 5 s
-    for _ in $(seq 100); do
-        curl -s -o /dev/null "http://127.0.0.1:$1/version" && return 0
-        sleep 0.05
-    done
-    echo "http.sh: nothing listens on $1" >&2
-    exit 1
-}
 
 ours=$(free_port)
 "$server" --port "$ours" &

@@ -58,14 +58,6 @@ sox -q -n -t raw -r 48000 -c 2 -b 16 -e signed-integer - synth "$total" sine 440
     pacat --playback --raw --format=s16le --rate=48000 --channels=2 --latency-msec=20 2>/dev/null &
 pids+=($!)
 
-wait_for() {  # port: polls until something accepts, at most 10 s
-    for _ in $(seq 200); do
-        python3 -c "import socket; socket.create_connection(('127.0.0.1', $1), 0.2).close()" 2>/dev/null && return 0
-        sleep 0.05
-    done
-    echo "scale.sh: nothing listens on $1" >&2
-    exit 1
-}
 field() { sed -n "s/.*[ ^]$1=\([^ ]*\).*/\1/p" <<<" $2"; }
 ratio() { echo "scale=2; $1 / $2" | bc -l; }
 show() {  # name, client line

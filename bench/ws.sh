@@ -23,14 +23,6 @@ command -v node >/dev/null || { echo "ws.sh: node missing (scripts/setup)" >&2; 
 
 g++ -std=c++20 -O2 -o "$work/client" "$here/bench/tools/ws_bench_client.cpp"
 
-wait_for() {  # port: polls until something accepts, at most 5 s
-    for _ in $(seq 100); do
-        python3 -c "import socket; socket.create_connection(('127.0.0.1', $1), 0.2).close()" 2>/dev/null && return 0
-        sleep 0.05
-    done
-    echo "ws.sh: nothing listens on $1" >&2
-    exit 1
-}
 
 ours=$(free_port)
 "$server" --port "$ours" &

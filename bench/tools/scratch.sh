@@ -1,5 +1,6 @@
 # Sourced by the benchmark scripts: a scratch folder ($work), the PIDs of what the script starts
-# ($pids, each stopped and waited for on exit) and free_port, a loopback port nobody listens on.
+# ($pids, each stopped and waited for on exit), free_port (a loopback port nobody listens on) and
+# wait_for PORT (polls until something accepts on it, at most 10 s).
 work=$(mktemp -d)
 pids=()
 cleanup() {
@@ -10,3 +11,12 @@ cleanup() {
 trap cleanup EXIT
 
 free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+
+wait_for() {
+    for _ in $(seq 200); do
+        (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null && return 0
+        sleep 0.05
+    done
+    echo "$(basename "$0"): nothing listens on $1" >&2
+    exit 1
+}
