@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,8 +40,11 @@ constexpr auto longestSpin = std::chrono::microseconds(64);
 constexpr int slotStreak = 32;
 // A worker that never runs out of jobs looks at the reactor (without waiting) after this many.
 constexpr unsigned jobsBetweenEventChecks = 61;
-// The wake eventfd's mark in epoll_event.data; source ids start at 1.
+// The wake eventfd's and the late-wake timerfd's marks in epoll_event.data; source ids start at 1.
 constexpr std::uint64_t wakeMark = 0;
+constexpr std::uint64_t lateWakeMark = ~std::uint64_t{0};
+// How long jobs a worker queued may wait for it before a sleeper is woken to take them.
+constexpr long lateWakeNanoseconds = 1'000'000;
 constexpr int eventsPerWait = 16;
 }  // namespace
 
@@ -73,7 +77,8 @@ ThreadPool& ThreadPool::shared() {
 ThreadPool::ThreadPool(std::size_t threadCount) : ring_(64) {
     reactor_ = ::epoll_create1(EPOLL_CLOEXEC);
     wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (reactor_ < 0 || wake_ < 0)
+    lateWake_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (reactor_ < 0 || wake_ < 0 || lateWake_ < 0)
         throw std::system_error(errno, std::generic_category(), "thread pool reactor");
     // Edge-triggered, and never read: each write is a new edge that wakes one sleeper, and the
     // counter cannot fill up in the life of a process.
@@ -81,6 +86,10 @@ ThreadPool::ThreadPool(std::size_t threadCount) : ring_(64) {
     event.events = EPOLLIN | EPOLLET;
     event.data.u64 = wakeMark;
     if (::epoll_ctl(reactor_, EPOLL_CTL_ADD, wake_, &event) != 0)
+        throw std::system_error(errno, std::generic_category(), "thread pool reactor");
+    // The same for the late wake: each expiry is an edge, the timerfd is never read.
+    event.data.u64 = lateWakeMark;
+    if (::epoll_ctl(reactor_, EPOLL_CTL_ADD, lateWake_, &event) != 0)
         throw std::system_error(errno, std::generic_category(), "thread pool reactor");
     threads_.reserve(threadCount);
     for (std::size_t i = 0; i < threadCount; ++i) {
@@ -100,6 +109,7 @@ ThreadPool::~ThreadPool() {
     wakeSleeper();  // each worker that leaves wakes the next
     for (auto& thread : threads_)
         thread.join();
+    ::close(lateWake_);
     ::close(wake_);
     ::close(reactor_);
 }
@@ -140,11 +150,15 @@ void ThreadPool::unwatch(EventSource& source) noexcept {
 }
 
 void ThreadPool::postShared(Job job) {
-    bool wakeOne;
+    bool wakeOne = false;
     {
         std::lock_guard lock(mutex_);
         push(job);
-        wakeOne = takeWakeTurn();
+        // A worker goes on with the jobs it queues itself unless one of them holds it up.
+        if (isWorkerThread())
+            armLateWake();
+        else
+            wakeOne = takeWakeTurn();
     }
     if (wakeOne)
         wakeSleeper();
@@ -157,6 +171,23 @@ bool ThreadPool::takeWakeTurn() noexcept {
         return false;
     wakePending_ = true;
     return true;
+}
+
+void ThreadPool::armLateWake() noexcept {
+    if (count_ == 0 || sleepers_ == 0 || wakePending_ || lateWakeArmed_ || spinning_.load(std::memory_order_relaxed) > 0)
+        return;
+    lateWakeArmed_ = true;
+    itimerspec in{};
+    in.it_value.tv_nsec = lateWakeNanoseconds;
+    ::timerfd_settime(lateWake_, 0, &in, nullptr);
+}
+
+void ThreadPool::disarmLateWake() noexcept {
+    if (!lateWakeArmed_)
+        return;
+    lateWakeArmed_ = false;
+    const itimerspec off{};
+    ::timerfd_settime(lateWake_, 0, &off, nullptr);
 }
 
 void ThreadPool::wakeSleeper() noexcept {
@@ -194,9 +225,12 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) n
     do
         count = ::epoll_wait(reactor_, events, eventsPerWait, timeoutMilliseconds);
     while (count < 0 && errno == EINTR);
-    const bool sawWake = std::any_of(events, events + std::max(count, 0),
-                                     [](const epoll_event& event) { return event.data.u64 == wakeMark; });
-    if (countedAsSleeper || sawWake) {
+    const auto saw = [&](std::uint64_t mark) {
+        return std::any_of(events, events + std::max(count, 0), [mark](const epoll_event& event) { return event.data.u64 == mark; });
+    };
+    const bool sawWake = saw(wakeMark);
+    const bool sawLateWake = saw(lateWakeMark);
+    if (countedAsSleeper || sawWake || sawLateWake) {
         bool wakeAgain = false;
         {
             // Awake now: what the sources post below must wake another worker, not this one. The
@@ -205,6 +239,8 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) n
             std::lock_guard lock(mutex_);
             if (countedAsSleeper)
                 --sleepers_;
+            if (sawLateWake)
+                lateWakeArmed_ = false;
             wakePending_ = false;
             wakeAgain = !countedAsSleeper && takeWakeTurn();
         }
@@ -212,7 +248,7 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) n
             wakeSleeper();
     }
     for (int i = 0; i < count; ++i) {
-        if (events[i].data.u64 == wakeMark)
+        if (events[i].data.u64 == wakeMark || events[i].data.u64 == lateWakeMark)
             continue;
         EventSource* source = nullptr;
         {
@@ -238,11 +274,12 @@ void ThreadPool::work() {
     for (;;) {
         Job job{};
         bool haveJob;
-        bool wakeAnother;
         {
             std::unique_lock lock(mutex_);
             haveJob = pop(job);
             if (!haveJob) {
+                // Everything queued was taken in time: nobody needs waking for it.
+                disarmLateWake();
                 // The count changes under the lock so that a post sees either a spinner or a sleeper.
                 // One spinner is enough to catch the next job; the others sleep at once.
                 if (spinning_.load(std::memory_order_relaxed) == 0) {
@@ -266,11 +303,10 @@ void ThreadPool::work() {
                     lock.lock();
                 }
             }
-            // More is waiting and nobody is looking for it: a burst spreads over the threads.
-            wakeAnother = takeWakeTurn();
+            // More is waiting and nobody is looking for it: it goes to another thread if this one
+            // does not get to it soon.
+            armLateWake();
         }
-        if (wakeAnother)
-            wakeSleeper();
         if (haveJob) {
             job.function(job.argument);
             ++self.jobsSinceEventCheck;

@@ -23,15 +23,19 @@ namespace orvel::async {
 // eventfd that posts from anywhere use to wake a sleeper. The kernel wakes one sleeper per
 // event; it runs the source's ready() there, which resumes the tasks it wakes by posting them:
 // the first lands in that worker's own next-job slot and runs right after, on the same thread
-// (no hand-off in the common case), the rest go to the shared queue for the other workers,
-// waking a sleeper only when none is spinning. So a task that blocks or computes holds only its
-// own worker: the others keep waiting on the reactor for every socket and timer.
+// (no hand-off in the common case), the rest go to the shared queue. A worker that queues jobs
+// goes on with them itself; a sleeper is woken for them only if they are still there a
+// millisecond later (a timerfd in the reactor, disarmed when the queue runs dry), so a batch of
+// small jobs costs no second thread. So a task that blocks or computes holds only its own worker
+// and its slot: the others keep waiting on the reactor for every socket and timer and take the
+// queue within a millisecond.
 //
 // Waking a sleeping thread costs more than most jobs, so the pool avoids it where it can:
 // - a job posted by a worker goes to that worker's own next-job slot (a chain of resumptions, as
 //   a message passing from task to task, stays on one warm thread);
 // - a worker out of work spins a few microseconds before it sleeps (one at a time), and a post
-//   wakes a sleeper only when nobody is spinning and no wake is on its way already;
+//   from outside the pool wakes a sleeper only when nobody is spinning and no wake is on its way;
+// - jobs a worker queues wake nobody unless they wait a millisecond (above);
 // - a worker that never runs out of jobs still looks at the reactor, without waiting, every few
 //   dozen jobs, so events are never starved by a busy pool.
 // Jobs must not block waiting for another job: the one in the slot would wait with them.
@@ -93,6 +97,10 @@ private:
     // With mutex_ held: true when the caller must wake a sleeper (queued jobs, nobody spinning,
     // no wake on its way); the wake is then counted as on its way.
     bool takeWakeTurn() noexcept;
+    // With mutex_ held: a worker queued jobs; a sleeper is woken in a millisecond unless the
+    // queue runs dry before (then disarmLateWake).
+    void armLateWake() noexcept;
+    void disarmLateWake() noexcept;
     void wakeSleeper() noexcept;
     void spinForJob(Worker& self) noexcept;
     // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources. A worker counted
@@ -107,12 +115,14 @@ private:
     std::size_t count_ = 0;
     std::size_t sleepers_ = 0;  // workers in the reactor's wait, or on their way there
     bool wakePending_ = false;  // a wake written that no worker has returned from the reactor with
+    bool lateWakeArmed_ = false;
     bool stopping_ = false;
     std::atomic<std::size_t> pending_{0};
     std::atomic<std::size_t> spinning_{0};  // workers looking for work before they sleep
 
     int reactor_ = -1;  // epoll descriptor
     int wake_ = -1;     // eventfd
+    int lateWake_ = -1;  // timerfd
     std::mutex sourcesMutex_;
     std::condition_variable sourceIdle_;
     std::unordered_map<std::uint64_t, EventSource*> sources_;
