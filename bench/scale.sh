@@ -86,23 +86,19 @@ stop "$orvel_pid"
 record_streams=$(sort -n "$work/record-streams" | tail -1)
 echo "load $(cut -d' ' -f1-3 /proc/loadavg)"
 
-port=$(free_port)
-node "$here/bench/ws-stream-server.js" "$port" &
-node_pid=$!
-pids+=("$node_pid")
-wait_for "$port"
-theirs=$("$work/client" scale "$port" "$clients" "$seconds" "$node_pid" "pace 10")
-stop "$node_pid"
-echo "load $(cut -d' ' -f1-3 /proc/loadavg)"
-
-port=$(free_port)
-"$work/epoll_server" "$port" &
-epoll_pid=$!
-pids+=("$epoll_pid")
-wait_for "$port"
-bare=$("$work/client" scale "$port" "$clients" "$seconds" "$epoll_pid" "pace 10")
-stop "$epoll_pid"
-echo "load $(cut -d' ' -f1-3 /proc/loadavg)"
+measure_peer() {  # variable, server command (given a port last): the clients' line for that server
+    local port pid
+    port=$(free_port)
+    "${@:2}" "$port" &
+    pid=$!
+    pids+=("$pid")
+    wait_for "$port"
+    printf -v "$1" '%s' "$("$work/client" scale "$port" "$clients" "$seconds" "$pid" "pace 10")"
+    stop "$pid"
+    echo "load $(cut -d' ' -f1-3 /proc/loadavg)"
+}
+measure_peer theirs node "$here/bench/ws-stream-server.js"
+measure_peer bare "$work/epoll_server"
 
 show orvel "$ours"
 show ws "$theirs"
