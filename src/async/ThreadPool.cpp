@@ -164,17 +164,21 @@ void ThreadPool::postShared(Job job) {
         wakeSleeper();
 }
 
+bool ThreadPool::sleeperWanted() const noexcept {
+    return count_ > 0 && sleepers_ > 0 && !wakePending_ && spinning_.load(std::memory_order_relaxed) == 0;
+}
+
 bool ThreadPool::takeWakeTurn() noexcept {
     // One wake in flight is enough: the worker it reaches takes everything queued by then. A
     // burst of posts (a batch of timers, a busy socket pool) would otherwise write once per job.
-    if (count_ == 0 || sleepers_ == 0 || wakePending_ || spinning_.load(std::memory_order_relaxed) > 0)
+    if (!sleeperWanted())
         return false;
     wakePending_ = true;
     return true;
 }
 
 void ThreadPool::armLateWake() noexcept {
-    if (count_ == 0 || sleepers_ == 0 || wakePending_ || lateWakeArmed_ || spinning_.load(std::memory_order_relaxed) > 0)
+    if (!sleeperWanted() || lateWakeArmed_)
         return;
     lateWakeArmed_ = true;
     itimerspec in{};

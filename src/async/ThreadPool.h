@@ -97,6 +97,8 @@ private:
     // With mutex_ held: true when the caller must wake a sleeper (queued jobs, nobody spinning,
     // no wake on its way); the wake is then counted as on its way.
     bool takeWakeTurn() noexcept;
+    // With mutex_ held: jobs are queued, a worker sleeps, and none is spinning or being woken.
+    bool sleeperWanted() const noexcept;
     // With mutex_ held: a worker queued jobs; a sleeper is woken in a millisecond unless the
     // queue runs dry before (then disarmLateWake).
     void armLateWake() noexcept;
