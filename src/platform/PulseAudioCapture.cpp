@@ -1,12 +1,11 @@
 #include "platform/PulseAudioCapture.h"
 
 #include "platform/PulseAudioError.h"
+#include "platform/PulseAudioMainLoop.h"
 
 #include "async/Executor.h"
 
 #include <pulse/pulseaudio.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -27,30 +26,6 @@ namespace {
 std::exception_ptr pulseError(std::string_view operation, int code) {
     return std::make_exception_ptr(PulseAudioError::failed(operation, code));
 }
-
-class EventDescriptor {
-public:
-    EventDescriptor() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
-    EventDescriptor(const EventDescriptor&) = delete;
-    EventDescriptor& operator=(const EventDescriptor&) = delete;
-    ~EventDescriptor() {
-        if (fd_ >= 0) ::close(fd_);  // no retry on EINTR: on Linux the fd is already gone
-    }
-    int get() const noexcept { return fd_; }
-
-    // An eventfd write only fails when the 64-bit counter would overflow; a stop never gets there.
-    void signal() const noexcept {
-        const std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t written = ::write(fd_, &one, sizeof one);
-    }
-    void drain() const noexcept {
-        std::uint64_t count = 0;
-        [[maybe_unused]] ssize_t read = ::read(fd_, &count, sizeof count);
-    }
-
-private:
-    int fd_;
-};
 
 // Interleaved float samples at the configuration's rate and channel count.
 pa_sample_spec sampleFormatOf(const StreamConfiguration& configuration) {
@@ -132,14 +107,12 @@ struct PulseAudioCapture::Core {
 
 struct PulseAudioCapture::Connection {
     Options options;
-    EventDescriptor wake;
 
-    std::mutex threadMutex;  // guards the making of the main loop
-    pa_threaded_mainloop* mainloop = nullptr;
+    PulseAudioMainLoop loop{options.readInterval, [this] { sweep(); }};
+    std::mutex threadMutex;  // guards its start
 
     // Under the main loop's lock.
     pa_context* context = nullptr;
-    pa_io_event* wakeEvent = nullptr;
     pa_time_event* tick = nullptr;
     std::vector<std::shared_ptr<Core>> captures;
     Clock::time_point downSince;
@@ -166,7 +139,6 @@ struct PulseAudioCapture::Connection {
     static void sinkInfo(pa_context* context, const pa_sink_info* info, int last, void* userdata);
     static void streamStateChanged(pa_stream* stream, void* userdata);
     static void readable(pa_stream* stream, std::size_t bytes, void* userdata);
-    static void woken(pa_mainloop_api*, pa_io_event*, int, pa_io_event_flags_t, void* userdata);
     static void ticked(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata);
 };
 
@@ -213,18 +185,7 @@ void PulseAudioCapture::Core::fillGap(Clock::time_point now) {
 
 bool PulseAudioCapture::Connection::ensureThread() {
     std::lock_guard lock(threadMutex);
-    if (mainloop != nullptr) return true;
-    if (wake.get() < 0) return false;
-    mainloop = pa_threaded_mainloop_new();
-    if (mainloop == nullptr) return false;
-    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
-    wakeEvent = api->io_new(api, wake.get(), PA_IO_EVENT_INPUT, &Connection::woken, this);
-    if (pa_threaded_mainloop_start(mainloop) < 0) {
-        api->io_free(std::exchange(wakeEvent, nullptr));
-        pa_threaded_mainloop_free(std::exchange(mainloop, nullptr));
-        return false;
-    }
-    return true;
+    return loop.started() || loop.start();
 }
 
 // Under the lock. With no server socket pa_context_connect fails right here and no state
@@ -238,7 +199,7 @@ bool PulseAudioCapture::Connection::connect(int& code) {
         pa_context_set_subscribe_callback(context, nullptr, nullptr);
         pa_context_unref(std::exchange(context, nullptr));
     }
-    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    pa_mainloop_api* api = loop.api();
     context = pa_context_new(api, options.applicationName.c_str());
     if (context == nullptr) {
         code = PA_ERR_INTERNAL;
@@ -338,7 +299,7 @@ void PulseAudioCapture::Connection::sweep() {
 }
 
 void PulseAudioCapture::Connection::armTick() {
-    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    pa_mainloop_api* api = loop.api();
     struct timeval when;
     pa_timeval_add(pa_gettimeofday(&when), 100 * PA_USEC_PER_MSEC);
     if (tick == nullptr) {
@@ -460,36 +421,28 @@ void PulseAudioCapture::Connection::readable(pa_stream* stream, std::size_t, voi
     core.deliver();
 }
 
-void PulseAudioCapture::Connection::woken(pa_mainloop_api*, pa_io_event*, int, pa_io_event_flags_t, void* userdata) {
-    auto& connection = *static_cast<Connection*>(userdata);
-    connection.wake.drain();
-    connection.sweep();
-}
-
 void PulseAudioCapture::Connection::ticked(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
     static_cast<Connection*>(userdata)->sweep();
 }
 
 void PulseAudioCapture::Connection::shutdown() {
-    if (mainloop == nullptr) return;
-    pa_threaded_mainloop_lock(mainloop);
+    if (!loop.started()) return;
+    loop.lock();
     for (auto& core : captures) {
         core->stopRequested.store(true, std::memory_order_release);
         end(*core, nullptr);
     }
     captures.clear();
-    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    pa_mainloop_api* api = loop.api();
     if (tick != nullptr) api->time_free(std::exchange(tick, nullptr));
-    if (wakeEvent != nullptr) api->io_free(std::exchange(wakeEvent, nullptr));
     if (context != nullptr) {
         pa_context_set_state_callback(context, nullptr, nullptr);
         pa_context_set_subscribe_callback(context, nullptr, nullptr);
         pa_context_disconnect(context);
         pa_context_unref(std::exchange(context, nullptr));
     }
-    pa_threaded_mainloop_unlock(mainloop);
-    pa_threaded_mainloop_stop(mainloop);
-    pa_threaded_mainloop_free(std::exchange(mainloop, nullptr));
+    loop.unlock();
+    loop.stop();
 }
 
 namespace {
@@ -500,8 +453,7 @@ namespace {
 // any callback to return. Should no thread be available, the connection is kept: ending the
 // process from a destructor would be worse than that one leak.
 void release(PulseAudioCapture::Connection* connection) {
-    if (connection->mainloop == nullptr ||
-        (!pa_threaded_mainloop_in_thread(connection->mainloop) && async::currentExecutor() == nullptr)) {
+    if (!connection->loop.started() || (!connection->loop.inThread() && async::currentExecutor() == nullptr)) {
         delete connection;
         return;
     }
@@ -572,10 +524,10 @@ void PulseAudioCapture::startCapture(std::function<void(std::exception_ptr)> com
         completion(pulseError("Start", PA_ERR_INTERNAL));
         return;
     }
-    pa_threaded_mainloop_lock(connection.mainloop);
+    connection.loop.lock();
     int code = 0;
     if (!connection.connect(code)) {
-        pa_threaded_mainloop_unlock(connection.mainloop);
+        connection.loop.unlock();
         completion(pulseError("Connect", code));
         return;
     }
@@ -583,12 +535,12 @@ void PulseAudioCapture::startCapture(std::function<void(std::exception_ptr)> com
     core.completion = std::move(completion);
     connection.captures.push_back(core_);
     if (pa_context_get_state(connection.context) == PA_CONTEXT_READY) connection.openStream(core);
-    pa_threaded_mainloop_unlock(connection.mainloop);
+    connection.loop.unlock();
 }
 
 void PulseAudioCapture::stopCapture() {
     if (core_->stopRequested.exchange(true, std::memory_order_acq_rel)) return;
-    connection_->wake.signal();
+    connection_->loop.wake();
 }
 
 PulseAudioCaptureService::PulseAudioCaptureService(PulseAudioCapture::Options options)
