@@ -108,7 +108,7 @@ struct PulseAudioCapture::Core {
 struct PulseAudioCapture::Connection {
     Options options;
 
-    PulseAudioMainLoop loop{options.readInterval, [this] { sweep(); }};
+    PulseAudioMainLoop loop{[this] { sweep(); }, [this] { return readDelay(); }};
     std::mutex threadMutex;  // guards its start
 
     // Under the main loop's lock.
@@ -129,6 +129,7 @@ struct PulseAudioCapture::Connection {
     void end(Core& core, std::exception_ptr error);
     void lose(Core& core, int code);
     void sweep();
+    std::chrono::milliseconds readDelay() const;
     void armTick();
     void followDefault();
     void shutdown();
@@ -296,6 +297,22 @@ void PulseAudioCapture::Connection::sweep() {
     int ignored = 0;  // the capture fails with the loss, not with a refused reconnect
     if (bridging && !ready && now - lastAttempt >= std::chrono::milliseconds(500)) connect(ignored);
     if (bridging) armTick();
+}
+
+// The server pushes every block the sink renders, a few milliseconds apart; waking for each costs
+// more than the capture itself. Its socket can go unread until the first running capture's batch
+// could be complete, less one push (a push carries up to a fragment). The push that completes a
+// batch still wakes the loop at once, so a batch is handed on as early as before.
+std::chrono::milliseconds PulseAudioCapture::Connection::readDelay() const {
+    using std::chrono::milliseconds;
+    auto delay = milliseconds::max();
+    for (const auto& core : captures) {
+        if (core->state != CaptureState::running) return milliseconds(0);
+        const std::size_t pendingFrames = core->pending.size() / core->configuration.channelCount;
+        const std::size_t missing = core->batchFrames() - pendingFrames % core->batchFrames();
+        delay = std::min(delay, milliseconds(missing * 1000 / static_cast<std::size_t>(core->configuration.sampleRate)));
+    }
+    return captures.empty() ? milliseconds(0) : std::max(milliseconds(0), delay - options.fragment);
 }
 
 void PulseAudioCapture::Connection::armTick() {

@@ -23,13 +23,9 @@ public:
         std::string server;
         // "@DEFAULT_MONITOR@" follows whatever sink is the default when the stream connects.
         std::string device = "@DEFAULT_MONITOR@";
-        // Asked-for read size. The server's default is 2 s bursts; ~20 ms keeps latency low
-        // without waking the thread for every few samples.
+        // Asked-for read size, and the most one push of the server carries. The server's default
+        // is 2 s bursts; ~20 ms keeps latency low.
         std::chrono::milliseconds fragment{20};
-        // The shortest time between two reads of the server's socket. The server pushes every block
-        // the sink renders (a few ms at low latency); samples wait up to this long to be read in one
-        // wake-up.
-        std::chrono::milliseconds readInterval{20};
         // How much audio is handed on at once: the runtime is woken once per message's worth.
         std::chrono::milliseconds batch{100};
         // How long a lost server or record stream may take to come back before the capture fails.

@@ -13,8 +13,8 @@
 
 namespace orvel::platform {
 
-PulseAudioMainLoop::PulseAudioMainLoop(std::chrono::milliseconds readInterval, std::function<void()> woken)
-    : readInterval_(readInterval), woken_(std::move(woken)), wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+PulseAudioMainLoop::PulseAudioMainLoop(std::function<void()> woken, std::function<std::chrono::milliseconds()> readDelay)
+    : woken_(std::move(woken)), readDelay_(std::move(readDelay)), wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 PulseAudioMainLoop::~PulseAudioMainLoop() {
     stop();
@@ -76,17 +76,18 @@ void PulseAudioMainLoop::wake() const noexcept {
 }
 
 // The loop's wait, without the lock. What is ready now is taken at once (libpulse reads a socket
-// one packet per pass); once nothing is, the wait first lets the interval go by, and only a wake-up
-// or a timer due in it cuts it short.
+// one packet per pass); once nothing is, the wait first lets the read delay go by.
 int PulseAudioMainLoop::poll(pollfd* descriptors, unsigned long count, int timeout, void* self) {
     auto& loop = *static_cast<PulseAudioMainLoop*>(self);
+    const auto delay = static_cast<int>(loop.readDelay_().count());
     loop.mutex_.unlock();
     int ready = ::poll(descriptors, count, 0);
     if (ready == 0 && timeout != 0) {
-        int wait = static_cast<int>(loop.readInterval_.count());
-        if (timeout > 0) wait = std::min(wait, timeout);
-        pollfd wake{loop.wake_, POLLIN, 0};
-        if (::poll(&wake, 1, wait) == 0 && timeout > 0) timeout -= wait;
+        if (delay > 0) {
+            const int wait = timeout > 0 ? std::min(delay, timeout) : delay;
+            pollfd wake{loop.wake_, POLLIN, 0};
+            if (::poll(&wake, 1, wait) == 0 && timeout > 0) timeout -= wait;
+        }
         ready = ::poll(descriptors, count, timeout);
     }
     loop.mutex_.lock();

@@ -12,14 +12,15 @@ namespace orvel::platform {
 
 // A libpulse main loop on a thread of its own, locked the way libpulse's threaded loop is: the
 // thread holds the lock while it dispatches and lets go of it while it waits. Unlike that one it
-// reads the server's socket at most once per `readInterval`: a record stream gets a push for every
-// block the sink renders, a few milliseconds apart, and taking them in batches costs one wake-up
-// per interval instead of one per push. Only samples wait: wake(), and any unlock from another
-// thread, end a wait at once.
+// can leave the server's socket unread for a while: a record stream gets a push for every block
+// the sink renders, a few milliseconds apart, and its owner only needs them when a batch is due.
+// Only samples wait: wake(), any unlock from another thread and a due timer end the pause at once.
 class PulseAudioMainLoop {
 public:
     // `woken` runs on the loop's thread, under the lock, after one or more wake() calls.
-    PulseAudioMainLoop(std::chrono::milliseconds readInterval, std::function<void()> woken);
+    // `readDelay`, asked under the lock each time nothing is ready, says how long the loop may
+    // wait before it watches the server's socket again.
+    PulseAudioMainLoop(std::function<void()> woken, std::function<std::chrono::milliseconds()> readDelay);
     ~PulseAudioMainLoop();
 
     PulseAudioMainLoop(const PulseAudioMainLoop&) = delete;
@@ -43,8 +44,8 @@ public:
 
 private:
     static int poll(pollfd* descriptors, unsigned long count, int timeout, void* self);
-    const std::chrono::milliseconds readInterval_;
     std::function<void()> woken_;
+    std::function<std::chrono::milliseconds()> readDelay_;
     const int wake_;  // an eventfd
     pa_mainloop* loop_ = nullptr;
     std::recursive_mutex mutex_;
