@@ -11,10 +11,10 @@ server=${1:-$here/build/file_server}
 duration=${DURATION:-10s}
 connections=${CONNECTIONS:-64}
 [ -x "$server" ] || { echo "files.sh: no file_server at $server (build it first)" >&2; exit 1; }
-command -v nginx >/dev/null || { echo "files.sh: nginx missing (scripts/setup installs nginx-light)" >&2; exit 1; }
-command -v wrk >/dev/null || { echo "files.sh: wrk missing (scripts/setup installs it)" >&2; exit 1; }
 
 . "$here/bench/tools/scratch.sh"
+need nginx nginx-light
+need wrk wrk
 
 mkdir -p "$work/www"
 head -c 4096 /dev/urandom >"$work/www/4k.bin"

@@ -18,10 +18,10 @@ server=${1:-$here/build/version_server}
 duration=${DURATION:-10s}
 connections=${CONNECTIONS:-64}
 [ -x "$server" ] || { echo "http.sh: no version_server at $server (build it first)" >&2; exit 1; }
-command -v nginx >/dev/null || { echo "http.sh: nginx missing (scripts/setup installs nginx-light)" >&2; exit 1; }
-command -v wrk >/dev/null || { echo "http.sh: wrk missing (scripts/setup installs it)" >&2; exit 1; }
 
 . "$here/bench/tools/scratch.sh"
+need nginx nginx-light
+need wrk wrk
 
 
 ours=$(free_port)

@@ -16,10 +16,10 @@ rate=${RATE:-10}
 paced_seconds=${PACED_SECONDS:-20}
 throughput_seconds=${THROUGHPUT_SECONDS:-10}
 [ -x "$server" ] || { echo "ws.sh: no ws_stream_server at $server (build it first)" >&2; exit 1; }
-command -v node >/dev/null || { echo "ws.sh: node missing (scripts/setup)" >&2; exit 1; }
 [ -d "$here/tests/node/node_modules/ws" ] || { echo "ws.sh: npm ws missing (scripts/setup)" >&2; exit 1; }
 
 . "$here/bench/tools/scratch.sh"
+need node nodejs
 
 g++ -std=c++20 -O2 -o "$work/client" "$here/bench/tools/ws_bench_client.cpp"
 

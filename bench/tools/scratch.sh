@@ -1,6 +1,7 @@
 # Sourced by the benchmark scripts: a scratch folder ($work), the PIDs of what the script starts
 # ($pids, each stopped and waited for on exit), free_port (a loopback port nobody listens on) and
-# wait_for PORT (polls until something accepts on it, at most 10 s).
+# wait_for PORT (polls until something accepts on it, at most 10 s), need PROGRAM PACKAGE (stops
+# the script when PROGRAM is missing).
 work=$(mktemp -d)
 pids=()
 cleanup() {
@@ -20,3 +21,5 @@ wait_for() {
     echo "$(basename "$0"): nothing listens on $1" >&2
     exit 1
 }
+
+need() { command -v "$1" >/dev/null || { echo "$(basename "$0"): $1 missing (scripts/setup installs $2)" >&2; exit 1; }; }
