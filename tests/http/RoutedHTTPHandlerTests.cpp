@@ -1,7 +1,6 @@
 #include "http/RoutedHTTPHandler.h"
 
 #include "HTTPTestSupport.h"
-#include "async/Spawn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
