@@ -28,6 +28,7 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using namespace std::chrono_literals;
 using test::outcome;
+using Reply = async::Task<HTTPResponse>;
 
 constexpr char okResponse[] = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 3\r\n\r\n412";
 
@@ -40,17 +41,13 @@ protected:
     // A server of `config` with the test routes; tests change config first.
     void makeServer() {
         server = std::make_unique<HTTPServer>(config);
-        server->appendRoute("GET /version", [](HTTPRequest) -> async::Task<HTTPResponse> {
-            co_return HTTPResponse(HTTPStatusCode::ok, {}, "412");
-        });
-        server->appendRoute("GET /slow", [](HTTPRequest) -> async::Task<HTTPResponse> {
+        server->appendRoute("GET /version", [](HTTPRequest) -> Reply { co_return HTTPResponse(HTTPStatusCode::ok, {}, "412"); });
+        server->appendRoute("GET /slow", [](HTTPRequest) -> Reply {
             co_await async::sleep(60s);  // cancelled by the time limit
             co_return HTTPResponse(HTTPStatusCode::ok);
         });
-        server->appendRoute("POST /ignore", [](HTTPRequest) -> async::Task<HTTPResponse> {
-            co_return HTTPResponse(HTTPStatusCode::accepted);
-        });
-        server->appendRoute("POST /echo", [](HTTPRequest request) -> async::Task<HTTPResponse> {
+        server->appendRoute("POST /ignore", [](HTTPRequest) -> Reply { co_return HTTPResponse(HTTPStatusCode::accepted); });
+        server->appendRoute("POST /echo", [](HTTPRequest request) -> Reply {
             auto bytes = co_await request.bodyData();
             co_return HTTPResponse(HTTPStatusCode::ok, {}, std::string(bytes.begin(), bytes.end()));
         });
@@ -159,7 +156,8 @@ TEST_F(HTTPServerTest, DecodesARequestDeliveredOneBytePerWriteAndEndsQuietlyWhen
     start();
     {
         LoopbackClient client(port);
-        for (char c : std::string("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n")) client.send(std::string_view(&c, 1));
+        for (char c : std::string("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n"))
+            client.send(std::string_view(&c, 1));
         EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 3\r\n\r\n412");
     }
     logger->waitFor("info: <127.0.0.1> close connection");

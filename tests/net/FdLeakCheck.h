@@ -25,9 +25,9 @@ inline std::map<int, std::string> openDescriptors() {
     async::TimerService::shared();
     net::LogWriter::shared();
     std::map<int, std::string> descriptors;
-    std::error_code unreadable;  // left as ""
+    std::error_code error;  // an unreadable link is left as ""
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        descriptors.emplace(std::stoi(entry.path().filename()), std::filesystem::read_symlink(entry.path(), unreadable).string());
+        descriptors.emplace(std::stoi(entry.path().filename()), std::filesystem::read_symlink(entry.path(), error).string());
     const std::string listing = "/proc/" + std::to_string(::getpid()) + "/fd";  // the iterator's own descriptor
     std::erase_if(descriptors, [&](const auto& descriptor) { return descriptor.second == listing; });
     return descriptors;

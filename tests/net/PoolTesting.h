@@ -63,9 +63,7 @@ std::string errorOf(Call call) {
 
 // What a finished task raised, or "" when it returned. Blocks until it ends.
 template <class T>
-std::string outcome(const async::TaskHandle<T>& handle) {
-    return errorOf([&] { handle.wait(); });
-}
+std::string outcome(const async::TaskHandle<T>& handle) { return errorOf([&] { handle.wait(); }); }
 
 // Pointers, not shared_ptr parameters: a parameter lives as long as the coroutine frame, which
 // may outlast the moment its waiter learns the result.
@@ -173,10 +171,10 @@ protected:
         FdLeakCheck::TearDown();
     }
 
-    bool parked(std::size_t count) const {
-        return eventually([&] { return pool->waitingCount() == count; });
+    bool parked(std::size_t count) const { return eventually([&] { return pool->waitingCount() == count; }); }
+    async::TaskHandle<void> park(net::Socket socket, net::Socket::Events events) {
+        return test::park(pool.get(), socket, events);
     }
-    async::TaskHandle<void> park(net::Socket socket, net::Socket::Events events) { return test::park(pool.get(), socket, events); }
 
     std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
     std::shared_ptr<net::SocketPool> pool;

@@ -158,7 +158,9 @@ TEST_F(SocketTest, ReceivedDatagramsCarryTheSenderAndMessagesTheInterfaceAndLoca
     for (const bool v4 : {true, false}) {
         SCOPED_TRACE(v4 ? "IPv4" : "IPv6");
         const int family = v4 ? AF_INET : AF_INET6;
-        const auto at = [&](std::uint16_t port) { return v4 ? AnySocketAddress(inet("127.0.0.1", port)) : AnySocketAddress(loopback(port)); };
+        const auto at = [&](std::uint16_t port) {
+            return v4 ? AnySocketAddress(inet("127.0.0.1", port)) : AnySocketAddress(loopback(port));
+        };
         Owned receiver(Socket::make(family, SocketType::datagram));
         // Any address, so the local one comes from packet information.
         receiver->bind(v4 ? AnySocketAddress(inet(0)) : AnySocketAddress(inet6(0)));

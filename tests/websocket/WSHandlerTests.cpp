@@ -104,7 +104,7 @@ TEST(WSMessageExchange, DeliversMessagesBeforeThePeersCloseOrAProtocolErrorAndNo
         SCOPED_TRACE(name);
         // The messages the application saw are ready once they end.
         auto done = std::make_shared<std::promise<std::vector<WSMessage>>>();
-        auto app = std::make_shared<ReadingHandler>([done](WSIncomingMessages messages) { return record(std::move(messages), done); });
+        auto app = std::make_shared<ReadingHandler>([done](WSIncomingMessages in) { return record(std::move(in), done); });
         EXPECT_THAT(run(app, incoming), ElementsAre(reply));
         EXPECT_EQ(done->get_future().get(), received);
     }
