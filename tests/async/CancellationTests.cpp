@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 using namespace orvel::async;
 using namespace std::chrono_literals;
@@ -134,21 +135,18 @@ TEST(Cancellation, CancellationRacingCompletionNeverLosesOrDoublesAResumption) {
 
 // Cancelling a parent (twice) or dropping its group tells every running child, each handler once.
 TEST(Cancellation, EveryHandlerAndChildIsToldOnceWhateverAHandlerDoes) {
-    const struct {
-        const char* name;
-        Act act;
-        bool dropGroup;  // cancelled by ~TaskGroup rather than by cancelling the parent
-    } cases[] = {
+    // With dropGroup, cancelled by ~TaskGroup rather than by cancelling the parent.
+    const std::tuple<const char*, Act, bool> cases[] = {
         {"a handler throws", Act::throws, false},
         {"a handler adds a child to its parent's group", Act::addsToItsParentsGroup, false},
         {"a handler throws inside ~TaskGroup", Act::throws, true},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, act, dropGroup] : cases) {
+        SCOPED_TRACE(name);
         std::atomic<int> told{0}, started{0};
-        auto parent = spawn(parentOfThree(c.act, c.dropGroup, &told, &started));
+        auto parent = spawn(parentOfThree(act, dropGroup, &told, &started));
         while (started.load() < 3) std::this_thread::yield();
-        if (c.dropGroup) {
+        if (dropGroup) {
             parent.wait();
         } else {
             parent.cancel();

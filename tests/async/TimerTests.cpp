@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -14,14 +14,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-int threadCount() {
-    int count = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return count;
-}
+long threadCount() { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
 
 Task<void> napThenCount(std::atomic<int>* woke) {
     co_await sleep(50ms);
@@ -32,12 +25,12 @@ Task<void> napThenCount(std::atomic<int>* woke) {
 
 TEST(Timers, TenThousandSleepingTasksRunOnAFixedNumberOfThreads) {
     syncWait([]() -> Task<void> { co_await sleep(1ms); }());  // pool and timer thread exist now
-    int before = threadCount();
+    const long before = threadCount();
     std::atomic<int> woke{0};
     std::vector<TaskHandle<void>> handles;
     handles.reserve(10000);
     for (int i = 0; i < 10000; ++i) handles.push_back(spawn(napThenCount(&woke)));
-    int during = threadCount();
+    const long during = threadCount();
     for (auto& handle : handles) handle.wait();
     EXPECT_EQ(woke.load(), 10000);
     EXPECT_EQ(during, before);

@@ -1,18 +1,14 @@
 #include "http/HTTPDecoder.h"
 
 #include "HTTPTestSupport.h"
-#include "async/Spawn.h"
 #include "http/HTTPRequestSequence.h"
 #include "net/AsyncBufferedFileSequence.h"
-#include "net/SocketError.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <deque>
 #include <thread>
 #include <tuple>
 #include <string>
@@ -51,14 +47,7 @@ async::Task<std::vector<std::pair<HTTPRequest, std::string>>> decodeAll(std::vec
 }
 
 // The text of the error decoding the first request fails with.
-std::string failure(std::vector<std::string> pieces) {
-    try {
-        decodeOne(std::move(pieces));
-        return "no failure";
-    } catch (const async::Error& error) {
-        return error.description();
-    }
-}
+std::string failure(std::vector<std::string> pieces) { return test::errorOf([&] { decodeOne(std::move(pieces)); }); }
 
 TEST(HTTPRequestDecoding, GivesTheSameRequestForEverySplitAndEitherLineEnd) {
     const std::string crlf = "POST /a/../b%20c?x=1=%2B+&y HTTP/1.1\r\nHost: example\r\nContent-Length: 5\r\n\r\nhello";

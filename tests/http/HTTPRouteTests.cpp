@@ -7,7 +7,7 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
+#include <tuple>
 
 namespace orvel::http {
 namespace {
@@ -21,13 +21,7 @@ bool matches(const HTTPRoute& route, const HTTPRequest& r) {
 }
 
 TEST(HTTPRouteMatching, FollowsTheEdgeCaseTable) {
-    struct Case {
-        const char* route;
-        const char* method;
-        const char* target;
-        bool match;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, const char*, const char*, bool> cases[] = {
         {"GET /version", "GET", "/version", true},
         {"GET /version", "get", "/VERSION", true},
         {"GET /version", "GET", "//version/", false},  // as a target, "//version" is an authority
@@ -57,10 +51,8 @@ TEST(HTTPRouteMatching, FollowsTheEdgeCaseTable) {
         {"BREW /pot", "brew", "/pot", true},
         {"BREW /pot", "GET", "/pot", false},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(matches(HTTPRoute(c.route), request(c.method, c.target)), c.match)
-            << c.route << " against " << c.method << " " << c.target;
-    }
+    for (const auto& [route, method, target, match] : cases)
+        EXPECT_EQ(matches(HTTPRoute(route), request(method, target)), match) << route << " against " << method << " " << target;
     // A path given directly (not read from a target) ignores leading, trailing and doubled "/".
     EXPECT_TRUE(matches("GET /version", HTTPRequest(HTTPMethod::GET, HTTPVersion::http11, "//version/", {}, {}, std::string())));
 }

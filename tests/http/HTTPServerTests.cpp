@@ -7,9 +7,7 @@
 #include "http/JSONPredicatePattern.h"
 #include "net/FdLeakCheck.h"
 #include "net/PoolTesting.h"
-#include "net/SocketError.h"
 #include "net/SocketPool.h"
-#include "net/Timeout.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,6 +28,7 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using namespace std::chrono_literals;
 using test::outcome;
+using Reply = async::Task<HTTPResponse>;
 
 constexpr char okResponse[] = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 3\r\n\r\n412";
 
@@ -42,17 +41,13 @@ protected:
     // A server of `config` with the test routes; tests change config first.
     void makeServer() {
         server = std::make_unique<HTTPServer>(config);
-        server->appendRoute("GET /version", [](HTTPRequest) -> async::Task<HTTPResponse> {
-            co_return HTTPResponse(HTTPStatusCode::ok, {}, "412");
-        });
-        server->appendRoute("GET /slow", [](HTTPRequest) -> async::Task<HTTPResponse> {
+        server->appendRoute("GET /version", [](HTTPRequest) -> Reply { co_return HTTPResponse(HTTPStatusCode::ok, {}, "412"); });
+        server->appendRoute("GET /slow", [](HTTPRequest) -> Reply {
             co_await async::sleep(60s);  // cancelled by the time limit
             co_return HTTPResponse(HTTPStatusCode::ok);
         });
-        server->appendRoute("POST /ignore", [](HTTPRequest) -> async::Task<HTTPResponse> {
-            co_return HTTPResponse(HTTPStatusCode::accepted);
-        });
-        server->appendRoute("POST /echo", [](HTTPRequest request) -> async::Task<HTTPResponse> {
+        server->appendRoute("POST /ignore", [](HTTPRequest) -> Reply { co_return HTTPResponse(HTTPStatusCode::accepted); });
+        server->appendRoute("POST /echo", [](HTTPRequest request) -> Reply {
             auto bytes = co_await request.bodyData();
             co_return HTTPResponse(HTTPStatusCode::ok, {}, std::string(bytes.begin(), bytes.end()));
         });
@@ -69,16 +64,6 @@ protected:
         running = async::spawn(server->run());
         async::syncWait(server->waitUntilListening(60));
         port = server->listeningAddress()->port;
-    }
-
-    // Parks a task per waiting read or accept, so a test can tell when a connection sits idle.
-    bool waitForParkedTasks(std::size_t count) const {
-        auto guard = std::chrono::steady_clock::now() + 60s;
-        while (pool->waitingCount() != count) {
-            if (std::chrono::steady_clock::now() > guard) return false;
-            std::this_thread::yield();
-        }
-        return true;
     }
 
     std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
@@ -121,12 +106,8 @@ TEST_F(HTTPServerTest, AnswersEachRequestAndKeepsTheConnectionOnlyWhenAskedTo) {
     for (const auto& [request, response, kept] : cases) {
         SCOPED_TRACE(request);
         LoopbackClient client(port);
-        client.send(request);
-        EXPECT_EQ(client.response(), response);
-        if (kept) {
-            client.send("GET /version HTTP/1.1\r\n\r\n");
-            EXPECT_EQ(client.response(), okResponse);
-        }
+        EXPECT_EQ(client.ask(request), response);
+        if (kept) { EXPECT_EQ(client.ask("GET /version HTTP/1.1\r\n\r\n"), okResponse); }
         EXPECT_TRUE(client.closedWithNothingMore());
     }
     logger->waitFor("info: <127.0.0.1> close connection");
@@ -141,10 +122,10 @@ TEST_F(HTTPServerTest, AnswersEachRequestAndKeepsTheConnectionOnlyWhenAskedTo) {
 TEST_F(HTTPServerTest, StopEndsAnIdleKeepAliveConnectionAtOnce) {
     start();
     LoopbackClient client(port);
-    client.send("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n");
-    EXPECT_THAT(client.response(), HasSubstr("412"));
-    // The listener's accept and the connection's next read: the connection is idle.
-    ASSERT_TRUE(waitForParkedTasks(2));
+    EXPECT_THAT(client.ask("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n"), HasSubstr("412"));
+    // The pool parks a task per waiting read or accept: the listener's accept and the
+    // connection's next read, so the connection is idle.
+    ASSERT_TRUE(test::eventually([&] { return pool->waitingCount() == 2; }));
     async::syncWait(server->stop(30));
     EXPECT_TRUE(client.closedWithNothingMore());
     EXPECT_EQ(outcome(running), "");
@@ -154,28 +135,10 @@ TEST_F(HTTPServerTest, StopEndsAnIdleKeepAliveConnectionAtOnce) {
     EXPECT_FALSE(server->isListening());
 }
 
-TEST_F(HTTPServerTest, ASecondRunFailsWithoutDisturbingTheFirst) {
-    start();
-    try {
-        async::syncWait(server->run());
-        ADD_FAILURE() << "a second run started";
-    } catch (const net::SocketError& error) {
-        EXPECT_EQ(error.kind(), net::SocketError::Kind::unsupportedAddress);
-    }
-    logger->waitFor("critical: server error: already started");
-    EXPECT_TRUE(server->isListening());
-    LoopbackClient client(port);
-    client.send("GET /version HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(client.response(), okResponse);
-}
-
-TEST_F(HTTPServerTest, WaitUntilListeningReturnsOnceListeningAndTimesOutWithoutATrace) {
-    try {
-        async::syncWait(server->waitUntilListening(0.05));
-        ADD_FAILURE() << "listening without run";
-    } catch (const net::TimeoutError& error) {
-        EXPECT_STREQ(error.what(), "Task timed out before completion. Timeout: 0.05 seconds.");
-    }
+// A second run fails without disturbing the first.
+TEST_F(HTTPServerTest, WaitUntilListeningReturnsOnceListeningAndTimesOutWithoutATraceAndASecondRunFails) {
+    EXPECT_EQ(test::errorOf([&] { async::syncWait(server->waitUntilListening(0.05)); }),
+              "Task timed out before completion. Timeout: 0.05 seconds.");
     EXPECT_EQ(server->waitingCount(), 0u);
 
     auto early = async::spawn(server->waitUntilListening(60));
@@ -183,15 +146,18 @@ TEST_F(HTTPServerTest, WaitUntilListeningReturnsOnceListeningAndTimesOutWithoutA
     EXPECT_EQ(outcome(early), "");
     async::syncWait(server->waitUntilListening(60));  // already listening
     EXPECT_EQ(server->waitingCount(), 0u);
+    EXPECT_EQ(test::errorOf([&] { async::syncWait(server->run()); }), "SocketError. UnsupportedAddress");
+    logger->waitFor("critical: server error: already started");
+    EXPECT_TRUE(server->isListening());
+    EXPECT_EQ(LoopbackClient(port).ask("GET /version HTTP/1.1\r\n\r\n"), okResponse);
 }
 
 TEST_F(HTTPServerTest, DecodesARequestDeliveredOneBytePerWriteAndEndsQuietlyWhenTheClientLeaves) {
     start();
     {
         LoopbackClient client(port);
-        for (char c : std::string("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n")) {
+        for (char c : std::string("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n"))
             client.send(std::string_view(&c, 1));
-        }
         EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 3\r\n\r\n412");
     }
     logger->waitFor("info: <127.0.0.1> close connection");
@@ -325,8 +291,7 @@ TEST_F(HTTPServerTest, StreamsARequestBodyToAHandlerThatStartsBeforeTheUploadEnd
             most = std::max(most, residentBytes());
         }
         EXPECT_EQ(client.response(), "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 10\r\n\r\nbbbbbbbbbb");
-        client.send("GET /version HTTP/1.1\r\n\r\n");
-        EXPECT_EQ(client.response(), okResponse);
+        EXPECT_EQ(client.ask("GET /version HTTP/1.1\r\n\r\n"), okResponse);
         // Half the large upload: room for the replay buffer and a sanitizer's quarantine, never the body.
         EXPECT_LT(most - before, 32 << 20) << mebibytes << " MiB upload";
     }
@@ -337,13 +302,11 @@ TEST_F(HTTPServerTest, ClosesAConnectionBeyondTheLimitAtOnceAndKeepsTheOthers) {
     makeServer();
     start();
     LoopbackClient first(port);
-    first.send("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n");
-    EXPECT_THAT(first.response(), HasSubstr("412"));
+    EXPECT_THAT(first.ask("GET /version HTTP/1.1\r\nConnection: keep-alive\r\n\r\n"), HasSubstr("412"));
     LoopbackClient second(port);
     EXPECT_TRUE(second.closedWithNothingMore());
     logger->waitFor("warning: server warning: connection limit (1) reached, closing a new connection");
-    first.send("GET /version HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(first.response(), okResponse);
+    EXPECT_EQ(first.ask("GET /version HTTP/1.1\r\n\r\n"), okResponse);
 }
 
 // A server child allowed 64 descriptors, flooded by 100 idle clients: accepting fails with
@@ -367,9 +330,7 @@ TEST(HTTPServerExhaustion, LivesThroughAFullDescriptorTableAndServesOnceClientsL
         EXPECT_THAT(warning.value_or(child.output()), HasSubstr("SocketError. Accept(24): Too many open files"));
         std::this_thread::sleep_for(1500ms);  // long enough for a warning per retry to show
     }
-    LoopbackClient client(port);
-    client.send("GET /version HTTP/1.1\r\n\r\n");
-    EXPECT_THAT(client.response(), HasSubstr("412"));
+    EXPECT_THAT(LoopbackClient(port).ask("GET /version HTTP/1.1\r\n\r\n"), HasSubstr("412"));
     EXPECT_TRUE(child.waitForLineContaining("request: GET /version", hangGuard)) << child.output();
     EXPECT_FALSE(child.waitForExit(0s)) << "the server ended";
     // At most one warning a second (and one at the start).

@@ -4,7 +4,7 @@
 #include "http/HTTPHandler.h"
 #include "http/HTTPRequest.h"
 #include "http/detail/URLComponents.h"
-#include "net/Logging.h"
+#include "net/PoolTesting.h"
 #include "net/SocketAddress.h"
 
 #include <gtest/gtest.h>
@@ -16,11 +16,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,7 +27,8 @@ namespace orvel::http {
 
 using Bytes = std::vector<std::uint8_t>;
 
-inline constexpr std::chrono::seconds hangGuard{30};
+using test::hangGuard;
+using test::RecordingLogger;
 
 inline Bytes bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
 
@@ -94,44 +92,6 @@ private:
     std::deque<std::size_t> sizes_;
 };
 
-// Keeps every line as "level: text" and lets a test wait for one to appear.
-class RecordingLogger final : public net::Logging {
-public:
-    void log(Level level, const net::LogMessage& message) const override {
-        std::lock_guard lock(mutex_);
-        lines_.push_back(std::string(name(level)) + ": " + message());
-        changed_.notify_all();
-    }
-    // The first line containing `text`, once one has been logged.
-    std::string waitFor(std::string_view text) const {
-        std::unique_lock lock(mutex_);
-        std::string found;
-        bool seen = changed_.wait_for(lock, hangGuard, [&] {
-            auto line = std::find_if(lines_.begin(), lines_.end(),
-                                     [&](const std::string& l) { return l.find(text) != std::string::npos; });
-            if (line != lines_.end()) found = *line;
-            return line != lines_.end();
-        });
-        if (!seen) ADD_FAILURE() << "no log line with: " << text;
-        return found;
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-    // Position of a line, or -1.
-    long indexOf(const std::string& line) const {
-        auto all = lines();
-        auto found = std::find(all.begin(), all.end(), line);
-        return found == all.end() ? -1 : found - all.begin();
-    }
-
-private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    mutable std::vector<std::string> lines_;
-};
-
 // A handler's answer as "<code> <headers as name=value, or -> <body>", or the error's text.
 inline std::string answer(HTTPHandler& handler, HTTPRequest request) {
     try {
@@ -176,6 +136,11 @@ public:
     // One byte; false once the server has closed the connection.
     bool sendOne(char byte) { return ::send(fd_, &byte, 1, MSG_NOSIGNAL) == 1; }
     void send(const Bytes& bytes) { send(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())); }
+    // Sends a request and reads its response.
+    std::string ask(std::string_view request) {
+        send(request);
+        return response();
+    }
     // One response (header block and Content-Length body), or "" when the server closed first.
     std::string response() {
         for (;;) {

@@ -1,7 +1,6 @@
 #include "http/RoutedHTTPHandler.h"
 
 #include "HTTPTestSupport.h"
-#include "async/Spawn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,6 +21,11 @@ auto failing(auto error) {
         throw error;
         co_return HTTPResponse(HTTPStatusCode::ok);
     };
+}
+
+// How many route parameters the handler sees.
+async::Task<HTTPResponse> countParameters(HTTPRequest r) {
+    co_return HTTPResponse(HTTPStatusCode::ok, {}, std::to_string(r.routeParameters().size()));
 }
 
 class TestError final : public async::Error {
@@ -60,18 +64,14 @@ TEST(RoutedHTTPHandlerDispatch, ShowsTheMatchedRouteParametersOnlyInsideTheHandl
         EXPECT_THAT(parameters, ElementsAre(HTTPRequest::RouteParameter{"id", "42"}));
         co_return HTTPResponse(HTTPStatusCode::ok, {}, parameters.empty() ? "" : parameters[0].value);
     });
-    handlers.appendRoute("/plain", [](HTTPRequest r) -> async::Task<HTTPResponse> {
-        co_return HTTPResponse(HTTPStatusCode::ok, {}, std::to_string(r.routeParameters().size()));
-    });
+    handlers.appendRoute("/plain", countParameters);
     EXPECT_EQ(answer(handlers, request("GET", "/users/42")), "200 - 42");
     EXPECT_EQ(answer(handlers, request("GET", "/plain")), "200 - 0");
     EXPECT_TRUE(request("GET", "/users/42").routeParameters().empty());
 
     // An inner routed handler's parameterless route hides the outer route's parameters.
     auto inner = std::make_shared<RoutedHTTPHandler>();
-    inner->appendRoute("*", [](HTTPRequest r) -> async::Task<HTTPResponse> {
-        co_return HTTPResponse(HTTPStatusCode::ok, {}, std::to_string(r.routeParameters().size()));
-    });
+    inner->appendRoute("*", countParameters);
     RoutedHTTPHandler outer;
     outer.appendRoute("/users/:id", inner);
     EXPECT_EQ(answer(outer, request("GET", "/users/42")), "200 - 0");

@@ -4,6 +4,7 @@
 #include "net/ConsumingAsyncSequence.h"
 
 #include "async/Async.h"
+#include "e2e/Process.h"
 #include "net/FdLeakCheck.h"
 #include "net/OwnedDescriptor.h"
 
@@ -89,13 +90,6 @@ TEST(EmptySequence, EndsAtOnceWhenCompletingElseOnlyOnceItsTaskIsCancelled) {
 // Real files in a private temporary directory; every test also checks that no descriptor leaks.
 class FileSequence : public test::FdLeakCheck {
 protected:
-    FileSequence() {
-        std::string name = (std::filesystem::temp_directory_path() / "orvel-seq-XXXXXX").string();
-        if (!::mkdtemp(name.data())) throw std::runtime_error("mkdtemp failed");
-        directory = name;
-    }
-    ~FileSequence() override { std::filesystem::remove_all(directory); }
-
     std::filesystem::path write(const std::string& name, const net::Bytes& bytes) const {
         auto file = directory / name;
         std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
@@ -103,7 +97,8 @@ protected:
         return file;
     }
 
-    std::filesystem::path directory;
+    test::TemporaryFolder folder;
+    const std::filesystem::path directory = folder.path();
 };
 
 TEST_F(FileSequence, EveryIteratorOpensOnItsFirstPullAndReadsTheWholeFileInRunsOfAtMostTheSuggestedSizeOrByteByByte) {
@@ -140,24 +135,21 @@ TEST_F(FileSequence, FileSizeFollowsLinksAndEveryFailureNamesItsCallAndPath) {
 
     const auto fifo = directory / "pipe";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    const struct {
-        std::filesystem::path path;
-        std::string error;
-    } opens[] = {
+    const std::pair<std::filesystem::path, std::string> opens[] = {
         {missing, "FileError. Open(2): No such file or directory (" + missing.string() + ")"},
         {directory, "FileError. Open(21): Is a directory (" + directory.string() + ")"},
         // Without a writer: the open must neither wait (holding a pool thread) nor read it.
         {fifo, "FileError. Open: Not a regular file (" + fifo.string() + ")"},
     };
-    for (const auto& open : opens) {
-        SCOPED_TRACE(open.path);
-        auto iterator = File(open.path).makeIterator();
+    for (const auto& [path, error] : opens) {
+        SCOPED_TRACE(path);
+        auto iterator = File(path).makeIterator();
         auto pull = std::async(std::launch::async, [&] { async::syncWait(iterator.nextBuffer(16)); });
         if (pull.wait_for(std::chrono::seconds(60)) == std::future_status::timeout) {
             net::OwnedDescriptor writer(::open(fifo.c_str(), O_WRONLY | O_CLOEXEC));  // frees the waiting open
             ADD_FAILURE() << "opening waited";
         }
-        EXPECT_THAT([&] { pull.get(); }, ThrowsMessage<File::FileError>(StrEq(open.error)));
+        EXPECT_THAT([&] { pull.get(); }, ThrowsMessage<File::FileError>(StrEq(error)));
     }
 }
 

@@ -10,6 +10,8 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <numeric>
+#include <tuple>
 
 using namespace orvel;
 using namespace std::chrono_literals;
@@ -98,8 +100,8 @@ private:
 };
 
 net::Bytes range(int first, int last) {
-    net::Bytes bytes;
-    for (int value = first; value <= last; ++value) bytes.push_back(static_cast<net::Byte>(value));
+    net::Bytes bytes(static_cast<std::size_t>(last - first + 1));
+    std::iota(bytes.begin(), bytes.end(), static_cast<net::Byte>(first));
     return bytes;
 }
 
@@ -173,27 +175,23 @@ TEST(ReplayWaiting, ACancelledWaitingReaderSeesTheEndAndOthersStillGetTheBody) {
 }
 
 TEST(ReplayErrors, AFailingOrShortBaseRaisesToEveryWaiterAndAfterTheKeptBytesToEveryLaterReader) {
-    const struct {
-        const char* name;
-        bool fails;
-        const char* error;
-    } cases[] = {
+    const std::tuple<const char*, bool, const char*> cases[] = {
         {"the base fails", true, "SocketError. Read(104): Connection reset by peer"},
         {"the base ends short of the count", false, "SocketError. Disconnected"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, fails, error] : cases) {
+        SCOPED_TRACE(name);
         auto base = std::make_shared<FakeBase>();
         base->deliver(range(1, 3));
         const net::AsyncSharedReplaySequence sequence(base, 10);
         auto first = async::spawn(collect(sequence.makeIterator(), 100));
         auto second = async::spawn(collect(sequence.makeIterator(), 100));
         ASSERT_TRUE(base->awaitWaitingPull());  // a reader has the three bytes and waits for more
-        if (c.fails)
+        if (fails)
             base->fail(std::make_exception_ptr(net::SocketError::failed("Read", ECONNRESET)));
         else
             base->end();
-        const auto raises = ThrowsMessage<net::SocketError>(StrEq(c.error));
+        const auto raises = ThrowsMessage<net::SocketError>(StrEq(error));
         EXPECT_THAT([&] { first.wait(); }, raises);
         EXPECT_THAT([&] { second.wait(); }, raises);
         auto later = sequence.makeIterator();
@@ -206,16 +204,15 @@ TEST(ReplayErrors, AFailingOrShortBaseRaisesToEveryWaiterAndAfterTheKeptBytesToE
 
 TEST(ReplayFlush, TakesTheWholeBodyFromTheBaseInRunsOf4096AndNoMore) {
     auto base = std::make_shared<FakeBase>();
-    net::Bytes body(10000);
-    for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<net::Byte>(i % 241);
-    base->deliver(net::Bytes(body.begin(), body.begin() + 4096));
-    base->deliver(net::Bytes(body.begin() + 4096, body.begin() + 8192));
-    base->deliver(net::Bytes(body.begin() + 8192, body.end()));
+    const std::size_t body = 10000;
+    base->deliver(net::Bytes(4096, 1));
+    base->deliver(net::Bytes(4096, 2));
+    base->deliver(net::Bytes(body - 8192, 3));
     base->deliver(range(1, 4));  // the next request on the connection
     async::syncWait(flush(net::AsyncSharedReplaySequence(base)));  // without a count: nothing
     EXPECT_EQ(base->pulls(), 0u);
 
-    auto flushing = net::AsyncSharedReplaySequence(base, body.size()).flush();  // outlives its sequence
+    auto flushing = net::AsyncSharedReplaySequence(base, body).flush();  // outlives its sequence
     async::syncWait(std::move(flushing));
     EXPECT_THAT(base->suggestions(), ElementsAre(4096, 4096, 1808));
     EXPECT_EQ(base->undelivered(), 1u);

@@ -26,13 +26,7 @@ Bytes pattern(std::size_t count) {
 // Closes a socket when the test ends, through the pool like AsyncSocket::close.
 struct Closing {
     explicit Closing(AsyncSocket socket) : socket(std::move(socket)) {}
-    ~Closing() {
-        try {
-            socket.close();
-        } catch (const SocketError& error) {
-            ADD_FAILURE() << error.what();
-        }
-    }
+    ~Closing() { EXPECT_EQ(test::errorOf([&] { socket.close(); }), ""); }
     AsyncSocket socket;
 };
 
@@ -95,17 +89,6 @@ async::Task<std::string> lineThenRest(AsyncSocketReadSequence sequence, std::siz
         seen.append(buffer->begin(), buffer->end());
     }
     co_return seen;
-}
-
-AsyncSocket listenOnLoopback(const std::shared_ptr<SocketPool>& pool, int backlog = 16) {
-    auto listening = test::listeningOnLoopback(backlog);
-    AsyncSocket listener(listening.socket, pool);
-    listening.owner.release();
-    return listener;
-}
-
-AnySocketAddress addressOf(const AsyncSocket& listener) {
-    return AnySocketAddress(inet("127.0.0.1", listener.socket().sockname().port));
 }
 
 }  // namespace
@@ -198,14 +181,11 @@ TEST_F(AsyncSocketConnecting, AcceptWaitsForAClientOverIPv6LoopbackAndClosingThe
     auto accepted = async::spawn(acceptOne(listener));
     ASSERT_TRUE(parked(1));
     EXPECT_FALSE(accepted.isFinished());
-    auto client = async::syncWait(connectTo(address, pool));
-    Closing c(client);
-    auto server = accepted.wait();
-    Closing s(server);
-    EXPECT_TRUE(server.socket().flags().contains(Socket::Flags::nonBlocking));
-    EXPECT_EQ(server.socket().remotePeer(), client.socket().sockname());
-    async::syncWait(writeAll(client, bytes("over v6")));
-    EXPECT_EQ(async::syncWait(readBytes(server, 7)), bytes("over v6"));
+    Closing client(async::syncWait(connectTo(address, pool))), server(accepted.wait());
+    EXPECT_TRUE(server.socket.socket().flags().contains(Socket::Flags::nonBlocking));
+    EXPECT_EQ(server.socket.socket().remotePeer(), client.socket.socket().sockname());
+    async::syncWait(writeAll(client.socket, bytes("over v6")));
+    EXPECT_EQ(async::syncWait(readBytes(server.socket, 7)), bytes("over v6"));
 
     auto accepting = async::spawn(acceptUntilEnd(listener));
     async::syncWait(connectTo(address, pool)).close();
@@ -224,11 +204,12 @@ TEST_F(AsyncSocketConnecting, ARefusedConnectionFailsAndLeavesNothingOpen) {
 
 TEST_F(AsyncSocketConnecting, AConnectionThatDoesNotCompleteInTimeRaisesTimeoutError) {
     // A listener whose accept queue is full drops further handshakes, so the next connect hangs.
-    auto listener = listenOnLoopback(pool, 0);
-    Closing l(listener);
+    auto listening = test::listeningOnLoopback(0);
+    Closing l(AsyncSocket(listening.socket, pool));
+    listening.owner.release();
     std::string result;
     for (int attempt = 0; attempt < 8 && result != "timed out"; ++attempt) {
-        auto outcome = async::syncWait(connectWithin(addressOf(listener), pool.get(), 0.3));
+        auto outcome = async::syncWait(connectWithin(AnySocketAddress(inet("127.0.0.1", listening.port())), pool.get(), 0.3));
         if (outcome == "connected")
             continue;
         result = outcome == "Task timed out before completion. Timeout: 0.3 seconds." ? "timed out" : outcome;

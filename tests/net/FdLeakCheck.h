@@ -5,11 +5,10 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <climits>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -26,21 +25,11 @@ inline std::map<int, std::string> openDescriptors() {
     async::TimerService::shared();
     net::LogWriter::shared();
     std::map<int, std::string> descriptors;
-    DIR* directory = ::opendir("/proc/self/fd");
-    if (!directory)
-        return descriptors;
-    const int own = ::dirfd(directory);
-    while (const dirent* entry = ::readdir(directory)) {
-        if (entry->d_name[0] == '.')
-            continue;
-        const int fd = std::stoi(entry->d_name);
-        if (fd == own)
-            continue;
-        char target[PATH_MAX];
-        const auto length = ::readlinkat(own, entry->d_name, target, sizeof target - 1);
-        descriptors.emplace(fd, length < 0 ? std::string("?") : std::string(target, static_cast<std::size_t>(length)));
-    }
-    ::closedir(directory);
+    std::error_code error;  // an unreadable link is left as ""
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        descriptors.emplace(std::stoi(entry.path().filename()), std::filesystem::read_symlink(entry.path(), error).string());
+    const std::string listing = "/proc/" + std::to_string(::getpid()) + "/fd";  // the iterator's own descriptor
+    std::erase_if(descriptors, [&](const auto& descriptor) { return descriptor.second == listing; });
     return descriptors;
 }
 

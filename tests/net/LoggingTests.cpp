@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 using namespace orvel::net;
 
@@ -102,14 +103,10 @@ TEST(Loggers, WriteTheirLineFormatAndNeverBuildADroppedLevel) {
 // it: each thread's lines arrive in order; below the bound none is lost; above it every line is
 // either written or counted in a notice that follows the gap.
 TEST(LogWriter, KeepsOrderLosesNothingBelowItsBoundAndCountsWhatItDropsAbove) {
-    struct Case {
-        const char* name;
-        std::size_t bound;
-        bool stuck;
-    };
-    for (const Case& c : {Case{"below", 1 << 20, false}, Case{"above", 4000, true}}) {
+    const std::tuple<const char*, std::size_t, bool> cases[] = {{"below", 1 << 20, false}, {"above", 4000, true}};
+    for (const auto& [name, bound, stuck] : cases) {
         Pipe text;
-        if (c.stuck) {  // fill the pipe: the writer's first write blocks until we read
+        if (stuck) {  // fill the pipe: the writer's first write blocks until we read
             ::fcntl(text.write(), F_SETFL, O_NONBLOCK);
             while (::write(text.write(), "#", 1) == 1 || errno == EINTR) {
             }
@@ -119,7 +116,7 @@ TEST(LogWriter, KeepsOrderLosesNothingBelowItsBoundAndCountsWhatItDropsAbove) {
         std::string out;
         std::uint64_t dropped = 0;
         {
-            LogWriter writer({.textDescriptor = text.write(), .journalSocket = "", .maxQueuedBytes = c.bound});
+            LogWriter writer({.textDescriptor = text.write(), .journalSocket = "", .maxQueuedBytes = bound});
             std::vector<std::thread> producers;
             for (int t = 0; t < threads; ++t)
                 producers.emplace_back([&, t] {
@@ -144,14 +141,14 @@ TEST(LogWriter, KeepsOrderLosesNothingBelowItsBoundAndCountsWhatItDropsAbove) {
             }
             int t = -1, i = -1;
             std::istringstream(line) >> t >> i;
-            ASSERT_TRUE(t >= 0 && t < threads) << c.name << ": " << line;
-            EXPECT_GE(i, next[t]) << c.name << ": thread " << t << " out of order";
+            ASSERT_TRUE(t >= 0 && t < threads) << name << ": " << line;
+            EXPECT_GE(i, next[t]) << name << ": thread " << t << " out of order";
             next[t] = i + 1;
             ++received;
         }
-        EXPECT_EQ(received + dropped, static_cast<std::uint64_t>(threads * perThread)) << c.name;
-        EXPECT_EQ(noticed, dropped) << c.name;
-        if (c.stuck) {
+        EXPECT_EQ(received + dropped, static_cast<std::uint64_t>(threads * perThread)) << name;
+        EXPECT_EQ(noticed, dropped) << name;
+        if (stuck) {
             EXPECT_GT(dropped, 0u);
             EXPECT_GE(received, 4000u / 8) << "the queue holds a bound's worth";
         } else {

@@ -2,7 +2,6 @@
 #include "async/Spawn.h"
 #include "async/Task.h"
 #include "net/Logging.h"
-#include "net/Mutex.h"
 #include "net/OwnedDescriptor.h"
 #include "net/SocketAddress.h"
 #include "net/SocketPool.h"
@@ -13,10 +12,13 @@
 
 #include <sys/epoll.h>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -61,9 +63,7 @@ std::string errorOf(Call call) {
 
 // What a finished task raised, or "" when it returned. Blocks until it ends.
 template <class T>
-std::string outcome(const async::TaskHandle<T>& handle) {
-    return errorOf([&] { handle.wait(); });
-}
+std::string outcome(const async::TaskHandle<T>& handle) { return errorOf([&] { handle.wait(); }); }
 
 // Pointers, not shared_ptr parameters: a parameter lives as long as the coroutine frame, which
 // may outlast the moment its waiter learns the result.
@@ -72,13 +72,52 @@ inline async::Task<void> preparePool(net::AsyncSocketPool* pool) { co_await pool
 inline async::Task<void> waitOn(net::AsyncSocketPool* pool, net::Socket socket, net::Socket::Events events) {
     co_await pool->suspendSocket(socket, events);
 }
+// Parks a task on the socket and returns once the pool holds it.
+inline async::TaskHandle<void> park(net::SocketPool* pool, net::Socket socket, net::Socket::Events events) {
+    const auto before = pool->waitingCount();
+    auto handle = async::spawn(waitOn(pool, socket, events));
+    EXPECT_TRUE(eventually([&] { return pool->waitingCount() == before + 1; }));
+    return handle;
+}
 
-struct RecordingLogger final : net::Logging {
+inline constexpr std::chrono::seconds hangGuard{30};
+
+// Keeps every line as "level: text" and lets a test wait for one to appear.
+class RecordingLogger final : public net::Logging {
+public:
     void log(Level level, const net::LogMessage& message) const override {
-        lines.withLock([&](std::vector<std::string>& all) { all.push_back(std::string(name(level)) + ": " + message()); });
+        std::lock_guard lock(mutex_);
+        lines_.push_back(std::string(name(level)) + ": " + message());
+        changed_.notify_all();
     }
-    std::vector<std::string> all() const { return lines.withLock([](std::vector<std::string>& all) { return all; }); }
-    net::Mutex<std::vector<std::string>> lines;
+    // The first line containing `text`, once one has been logged.
+    std::string waitFor(std::string_view text) const {
+        std::unique_lock lock(mutex_);
+        std::string found;
+        bool seen = changed_.wait_for(lock, hangGuard, [&] {
+            auto line = std::find_if(lines_.begin(), lines_.end(),
+                                     [&](const std::string& l) { return l.find(text) != std::string::npos; });
+            if (line != lines_.end()) found = *line;
+            return line != lines_.end();
+        });
+        if (!seen) ADD_FAILURE() << "no log line with: " << text;
+        return found;
+    }
+    std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    // Position of a line, or -1.
+    long indexOf(const std::string& line) const {
+        auto all = lines();
+        auto found = std::find(all.begin(), all.end(), line);
+        return found == all.end() ? -1 : found - all.begin();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    mutable std::vector<std::string> lines_;
 };
 
 // A socket whose descriptor is closed when it goes.
@@ -132,15 +171,9 @@ protected:
         FdLeakCheck::TearDown();
     }
 
-    bool parked(std::size_t count) const {
-        return eventually([&] { return pool->waitingCount() == count; });
-    }
-    // Parks a task on the socket and returns once the pool holds it.
-    async::TaskHandle<void> park(const net::Socket& socket, net::Socket::Events events) {
-        const auto before = pool->waitingCount();
-        auto handle = async::spawn(waitOn(pool.get(), socket, events));
-        EXPECT_TRUE(parked(before + 1));
-        return handle;
+    bool parked(std::size_t count) const { return eventually([&] { return pool->waitingCount() == count; }); }
+    async::TaskHandle<void> park(net::Socket socket, net::Socket::Events events) {
+        return test::park(pool.get(), socket, events);
     }
 
     std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();

@@ -65,10 +65,7 @@ TEST_F(SocketTest, FailedCallsNameTheirCallAndErrno) {
     Owned client(Socket::make(AF_INET)), datagram(Socket::make(AF_INET, SocketType::datagram));
     const auto closed = closedSocket();  // last: no socket made after it takes its number
     const std::string badDescriptor = "(9): Bad file descriptor";
-    const struct {
-        std::function<void()> call;
-        std::string error;
-    } cases[] = {
+    const std::pair<std::function<void()>, std::string> cases[] = {
         {[] { errno = 0; Socket::make(AF_INET, 7); }, "SocketError. Invalid SocketType(0): Success"},
         {[] { Socket::make(12345); }, "SocketError. CreateSocket(97): Address family not supported by protocol"},
         {[&] { closed.flags(); }, "SocketError. GetFlags" + badDescriptor},
@@ -84,7 +81,7 @@ TEST_F(SocketTest, FailedCallsNameTheirCallAndErrno) {
         {[&] { listener->read(); }, "SocketError. Read(107): Transport endpoint is not connected"},
         {[&] { datagram->send(bytes("x"), AnySocketAddress()); }, "SocketError. SendTo(22): Invalid argument"},
     };
-    for (const auto& c : cases) EXPECT_EQ(errorOf(c.call), c.error);
+    for (const auto& [call, error] : cases) EXPECT_EQ(errorOf(call), error);
     const Socket listening(Socket::make(AF_INET, SocketType::datagram));
     EXPECT_EQ(errorOf([&] { listening.listen(1); }), "SocketError. Listen(95): Operation not supported");
     EXPECT_EQ(::fcntl(listening.file.rawValue, F_GETFD), -1);
@@ -158,33 +155,30 @@ TEST_F(SocketTest, AGonePeerIsDisconnectedForReadsAndABrokenPipeWithoutSignalFor
 }
 
 TEST_F(SocketTest, ReceivedDatagramsCarryTheSenderAndMessagesTheInterfaceAndLocalAddress) {
-    const auto lo = std::optional<std::uint32_t>(::if_nametoindex("lo"));
-    {
-        Owned receiver(Socket::make(AF_INET, SocketType::datagram));
-        receiver->bind(inet(0));  // any address, so the local one comes from packet information
-        Owned sender(Socket::make(AF_INET, SocketType::datagram));
-        sender->bind(inet("127.0.0.1", 0));
-        EXPECT_EQ(sender->send(bytes("hello"), inet("127.0.0.1", receiver.port())), 5u);
+    for (const bool v4 : {true, false}) {
+        SCOPED_TRACE(v4 ? "IPv4" : "IPv6");
+        const int family = v4 ? AF_INET : AF_INET6;
+        const auto at = [&](std::uint16_t port) {
+            return v4 ? AnySocketAddress(inet("127.0.0.1", port)) : AnySocketAddress(loopback(port));
+        };
+        Owned receiver(Socket::make(family, SocketType::datagram));
+        // Any address, so the local one comes from packet information.
+        receiver->bind(v4 ? AnySocketAddress(inet(0)) : AnySocketAddress(inet6(0)));
+        Owned sender(Socket::make(family, SocketType::datagram));
+        sender->bind(at(0));
+        EXPECT_EQ(sender->send(bytes("hello"), at(receiver.port())), 5u);
         const auto received = receiver->receive(100);
         EXPECT_EQ(received.bytes, bytes("hello"));
         EXPECT_EQ(makeAddress(received.peerAddress), sender->sockname());
 
-        sender->send(bytes("m"), inet("127.0.0.1", receiver.port()));
+        sender->send(bytes("m"), at(receiver.port()));
         const auto message = receiver->receiveMessage(100);
         EXPECT_EQ(message.bytes, bytes("m"));
-        EXPECT_EQ(message.interfaceIndex, lo);
+        EXPECT_EQ(message.interfaceIndex, std::optional<std::uint32_t>(::if_nametoindex("lo")));
         ASSERT_TRUE(message.localAddress.has_value());
-        EXPECT_EQ(makeAddress(*message.localAddress).text, "127.0.0.1");
+        if (v4) { EXPECT_EQ(makeAddress(*message.localAddress).text, "127.0.0.1"); }
+        else { EXPECT_EQ(makeAddress(*message.localAddress), Socket::Address::ip6("::1", 0)); }
     }
-    Owned receiver(Socket::make(AF_INET6, SocketType::datagram));
-    receiver->bind(inet6(0));
-    Owned sender(Socket::make(AF_INET6, SocketType::datagram));
-    sender->send(bytes("m6"), loopback(receiver.port()));
-    const auto message = receiver->receiveMessage(100);
-    EXPECT_EQ(message.bytes, bytes("m6"));
-    EXPECT_EQ(message.interfaceIndex, lo);
-    ASSERT_TRUE(message.localAddress.has_value());
-    EXPECT_EQ(makeAddress(*message.localAddress), Socket::Address::ip6("::1", 0));
     // Unix datagram sockets have no packet information to ask for: making one must not fail.
     Owned local(Socket::make(AF_UNIX, SocketType::datagram));
     EXPECT_EQ(local->socketType(), SocketType::datagram);

@@ -2,7 +2,6 @@
 
 #include "WSTestSupport.h"
 #include "async/Spawn.h"
-#include "websocket/WSFrameValidator.h"
 #include "net/SocketError.h"
 
 #include <gmock/gmock.h>

@@ -10,8 +10,8 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <future>
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -44,20 +44,20 @@ async::Task<void> record(WSIncomingMessages incoming, std::shared_ptr<std::promi
     done->set_value(std::move(seen));
 }
 
-// Keeps what arrives and says nothing; `received` is ready once the incoming messages end.
-class RecordingHandler final : public WSMessageHandler {
+// Hands what arrives to `read` and says nothing.
+class ReadingHandler final : public WSMessageHandler {
 public:
+    explicit ReadingHandler(std::function<async::Task<void>(WSIncomingMessages)> read) : read_(std::move(read)) {}
     async::Task<WSOutgoingMessages> makeMessages(WSIncomingMessages incoming) override {
         auto [out, producer] = WSOutgoingMessages::make();
         producer_.emplace(producer);  // never finished: the application has nothing to say
-        (void)async::spawn(record(std::move(incoming), done_));
+        (void)async::spawn(read_(std::move(incoming)));
         co_return std::move(out);
     }
-    std::vector<WSMessage> received() { return done_->get_future().get(); }
 
 private:
+    std::function<async::Task<void>(WSIncomingMessages)> read_;
     std::optional<WSOutgoingMessages::Continuation> producer_;
-    std::shared_ptr<std::promise<std::vector<WSMessage>>> done_ = std::make_shared<std::promise<std::vector<WSMessage>>>();
 };
 
 async::Task<std::vector<WSFrame>> collect(MessageFrameWSHandler* handler, std::shared_ptr<WSIncomingFrames> incoming) {
@@ -85,7 +85,7 @@ TEST(WSOutgoingFraming, CutsMessagesIntoFramesOfAtMostFrameSize) {
     // Text is cut at byte boundaries, even inside a character (61 C3 A9).
     EXPECT_THAT(MessageFrameWSHandler::frames(WSMessage::text("aé"), 2),
                 ElementsAre(frame(Opcode::text, false, {0x61, 0xC3}), frame(Opcode::continuation, true, {0xA9})));
-    EXPECT_THROW(MessageFrameWSHandler(std::make_shared<RecordingHandler>(), 0), std::invalid_argument);
+    EXPECT_THROW(MessageFrameWSHandler(std::make_shared<ReadingHandler>(nullptr), 0), std::invalid_argument);
 }
 
 // What the peer sends, the one frame it gets back, and the messages the application saw.
@@ -102,9 +102,11 @@ TEST(WSMessageExchange, DeliversMessagesBeforeThePeersCloseOrAProtocolErrorAndNo
     };
     for (const auto& [name, incoming, reply, received] : cases) {
         SCOPED_TRACE(name);
-        auto app = std::make_shared<RecordingHandler>();
+        // The messages the application saw are ready once they end.
+        auto done = std::make_shared<std::promise<std::vector<WSMessage>>>();
+        auto app = std::make_shared<ReadingHandler>([done](WSIncomingMessages in) { return record(std::move(in), done); });
         EXPECT_THAT(run(app, incoming), ElementsAre(reply));
-        EXPECT_EQ(app->received(), received);
+        EXPECT_EQ(done->get_future().get(), received);
     }
 }
 
@@ -216,28 +218,15 @@ async::Task<void> readLate(WSIncomingMessages incoming, async::AsyncStream<int> 
     while (auto message = co_await incoming.next()) ++*read;
 }
 
-// Reads nothing until the gate opens, then everything.
-class LateReader final : public WSMessageHandler {
-public:
-    LateReader(async::AsyncStream<int> gate, std::shared_ptr<std::atomic<std::size_t>> read)
-        : gate_(std::move(gate)), read_(std::move(read)) {}
-    async::Task<WSOutgoingMessages> makeMessages(WSIncomingMessages incoming) override {
-        auto [out, producer] = WSOutgoingMessages::make();
-        producer_.emplace(producer);
-        (void)async::spawn(readLate(std::move(incoming), std::move(*gate_), read_));
-        co_return std::move(out);
-    }
-
-private:
-    std::optional<async::AsyncStream<int>> gate_;
-    std::shared_ptr<std::atomic<std::size_t>> read_;
-    std::optional<WSOutgoingMessages::Continuation> producer_;
-};
-
 TEST(WSMessageExchange, TheReaderWaitsWhileTheApplicationHasMoreThan16MiBUnread) {
     auto [gate, opener] = async::AsyncStream<int>::make();
     auto frames = std::make_shared<MegabyteFrames>(40, opener);
-    MessageFrameWSHandler handler(std::make_shared<LateReader>(std::move(gate), frames->read), 16384);
+    // The application reads nothing until the gate opens, then everything.
+    auto lateReader = std::make_shared<ReadingHandler>([gate = std::make_shared<async::AsyncStream<int>>(std::move(gate)),
+                                                        read = frames->read](WSIncomingMessages messages) {
+        return readLate(std::move(messages), std::move(*gate), read);
+    });
+    MessageFrameWSHandler handler(lateReader, 16384);
     EXPECT_THAT(async::syncWait(collect(&handler, frames)), ElementsAre(WSFrame::close("Goodbye")));
     ASSERT_EQ(frames->taken.size(), 40u);
     // Frame k is taken only once no more than 16 MiB of the k before it are unread (one more

@@ -18,11 +18,8 @@ public:
     }
 };
 
-const HTTPHeaders validHeaders{{"Host", "127.0.0.1:8505"},
-                               {"Upgrade", "websocket"},
-                               {"Connection", "Upgrade"},
-                               {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="},
-                               {"Sec-WebSocket-Version", "13"}};
+const HTTPHeaders validHeaders{{"Host", "127.0.0.1:8505"}, {"Upgrade", "websocket"}, {"Connection", "Upgrade"},
+                               {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="}, {"Sec-WebSocket-Version", "13"}};
 
 WebSocketHTTPHandler messageHandler() { return WebSocketHTTPHandler(std::make_shared<SilentHandler>(), 16384); }
 
@@ -46,8 +43,7 @@ TEST(WebSocketHandshake, AcceptsAValidHandshakeWith101AndTheAcceptValue) {
     auto handler = messageHandler();
     auto response = async::syncWait(handler.handleRequest(request("GET", "/", validHeaders)));
     EXPECT_EQ(response.statusCode, HTTPStatusCode::switchingProtocols);
-    EXPECT_EQ(response.headers, (HTTPHeaders{{"Connection", "upgrade"},
-                                             {"Upgrade", "websocket"},
+    EXPECT_EQ(response.headers, (HTTPHeaders{{"Connection", "upgrade"}, {"Upgrade", "websocket"},
                                              {"Sec-WebSocket-Accept", "s3pPLMBiTxaQ9kYGzzhZRbK+xOo="}}));
     ASSERT_EQ(response.payload.kind(), HTTPResponse::Payload::Kind::webSocket);
     EXPECT_EQ(*response.payload.webSocketHandler(), handler.handler);

@@ -8,6 +8,7 @@
 #include "websocket/MessageFrameWSHandler.h"
 #include "websocket/WebSocketHTTPHandler.h"
 #include "net/FdLeakCheck.h"
+#include "net/PoolTesting.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -71,10 +72,7 @@ public:
     }
     ~Server() {
         async::syncWait(server_.stop(5));
-        try {
-            running_.wait();
-        } catch (const async::Error&) {
-        }
+        (void)test::errorOf([&] { running_.wait(); });
     }
 
     std::uint16_t port() const { return server_.listeningAddress()->port; }

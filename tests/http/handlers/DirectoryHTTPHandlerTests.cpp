@@ -10,12 +10,8 @@ namespace {
 TEST(DirectoryHTTPHandler, MapsRequestPathsBelowTheRootAndNothingElse) {
     FileTree tree;
     const std::string notFound = "404 - ";
-    struct Case {
-        std::string serverPath;
-        std::string target;  // decoded as the server decodes a request target
-        std::string expected;
-    };
-    const Case cases[] = {
+    // The server path, a target (decoded as the server decodes one) and the answer.
+    const std::tuple<std::string, std::string, std::string> cases[] = {
         {"/static", "/static/css/site.css", "200 Content-Type=text/css body{}"},
         {"/static", "/other/x", notFound},
         {"static", "/staticfiles/a", "200 Content-Type=application/octet-stream file a"},  // a prefix of characters
@@ -33,9 +29,9 @@ TEST(DirectoryHTTPHandler, MapsRequestPathsBelowTheRootAndNothingElse) {
         {"", "/%2e%2e/%2e%2e/secret", notFound},
         {"", "/..%2F..%2Fetc%2Fpasswd", notFound},
     };
-    for (const Case& c : cases) {
-        DirectoryHTTPHandler handler(tree.root, c.serverPath);
-        EXPECT_EQ(answer(handler, request("GET", c.target)), c.expected) << c.serverPath << " " << c.target;
+    for (const auto& [serverPath, target, expected] : cases) {
+        DirectoryHTTPHandler handler(tree.root, serverPath);
+        EXPECT_EQ(answer(handler, request("GET", target)), expected) << serverPath << " " << target;
     }
 
     // Paths no decoder hands on, in case a handler is called by other code: still never above the root.

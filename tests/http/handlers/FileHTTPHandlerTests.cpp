@@ -9,12 +9,8 @@ namespace {
 
 TEST(FileHTTPHandler, ServesItsFileOrAnswersNotFound) {
     FileTree tree;
-    struct Case {
-        FileHTTPHandler handler;
-        std::string expected;
-    };
     const std::string notFound = "404 - ";
-    Case cases[] = {
+    std::pair<FileHTTPHandler, std::string> cases[] = {
         {{tree.root / "data", "text/plain"}, "200 Content-Type=text/plain raw"},
         {{tree.root / "empty.json", "x/y"}, "200 Content-Type=x/y "},
         {{tree.root / "big.bin", "x/y"}, "200 Content-Type=x/y " + tree.big},
@@ -29,9 +25,8 @@ TEST(FileHTTPHandler, ServesItsFileOrAnswersNotFound) {
         {FileHTTPHandler::resource("css/site.css", tree.root), "200 Content-Type=text/css body{}"},
         {FileHTTPHandler::resource("data", std::nullopt), notFound},
     };
-    for (Case& c : cases) {
-        EXPECT_EQ(answer(c.handler, request("GET", "/anything")), c.expected) << c.handler.path().value_or("(none)");
-    }
+    for (auto& [handler, expected] : cases)
+        EXPECT_EQ(answer(handler, request("GET", "/anything")), expected) << handler.path().value_or("(none)");
     EXPECT_EQ(FileHTTPHandler::resource("a.tar.GZ", tree.root).contentType(), "application/octet-stream");
 
     // The length is announced before the body streams: a file that grows meanwhile still sends

@@ -1,4 +1,5 @@
 #pragma once
+#include "e2e/Process.h"
 #include "http/HTTPTestSupport.h"
 
 #include <sys/stat.h>
@@ -14,10 +15,6 @@ namespace orvel::http {
 class FileTree {
 public:
     FileTree() {
-        std::filesystem::path base = std::filesystem::temp_directory_path() / "orvel-files-XXXXXX";
-        std::string name = base.string();
-        folder = ::mkdtemp(name.data());
-        root = folder / "www" / "root";
         std::filesystem::create_directories(root / "css");
         std::filesystem::create_directories(root / "files");
         write(folder / "secret", "secret");
@@ -26,19 +23,16 @@ public:
         write(root / "css/site.css", "body{}");
         write(root / "files/a", "file a");
         write(root / "empty.json", "");
-        big = std::string(200 * 1024 + 7, 'b');  // streams, in more than one buffer
         write(root / "big.bin", big);
         ::mkfifo((root / "pipe").c_str(), 0600);
         std::filesystem::create_symlink(folder / "secret", root / "link-out");
         std::filesystem::create_symlink("css/site.css", root / "link-in");
     }
-    ~FileTree() { std::filesystem::remove_all(folder); }
-    FileTree(const FileTree&) = delete;
-    FileTree& operator=(const FileTree&) = delete;
 
-    std::filesystem::path folder;
-    std::filesystem::path root;
-    std::string big;
+    test::TemporaryFolder temporary;
+    const std::filesystem::path folder = temporary.path();
+    const std::filesystem::path root = folder / "www" / "root";
+    const std::string big = std::string(200 * 1024 + 7, 'b');  // streams, in more than one buffer
 
 private:
     static void write(const std::filesystem::path& path, const std::string& text) { std::ofstream(path) << text; }

@@ -7,6 +7,7 @@
 #include "http/BadURLError.h"
 #include "http/HTTPServer.h"
 #include "net/FdLeakCheck.h"
+#include "net/PoolTesting.h"
 #include "net/SocketPool.h"
 
 #include <gmock/gmock.h>
@@ -43,33 +44,23 @@ async::Task<HTTPResponse> echo(HTTPRequest request) {
 }
 
 // A listener that accepts and never answers: a transfer to it ends only by a limit or a cancel.
-class SilentUpstream {
-public:
-    SilentUpstream() {
-        sockaddr_in address = net::inet("127.0.0.1", 0);
-        socklen_t length = sizeof address;
-        ::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-        ::listen(fd_.get(), 8);
-        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-    }
+struct SilentUpstream {
+    test::Owned listener = test::listeningOnLoopback(8);
+    const std::uint16_t port = listener.port();
+
     bool hasConnection(std::chrono::milliseconds wait) {
-        pollfd entry{fd_.get(), POLLIN, 0};
+        pollfd entry{listener.socket.file.rawValue, POLLIN, 0};
         return ::poll(&entry, 1, static_cast<int>(wait.count())) == 1;
     }
     // Accepts the proxy's connection and reads until the proxy closes it (false at the hang guard).
     bool seesConnectionClose() {
         if (!hasConnection(hangGuard)) return false;
-        test::Fd peer(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        test::Fd peer(::accept4(listener.socket.file.rawValue, nullptr, nullptr, SOCK_CLOEXEC));
         char buffer[4096];
         for (pollfd entry{peer.get(), POLLIN, 0}; ::poll(&entry, 1, 1000 * hangGuard.count()) == 1;)
             if (::recv(peer.get(), buffer, sizeof buffer, 0) <= 0) return true;
         return false;
     }
-    std::uint16_t port = 0;
-
-private:
-    test::Fd fd_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 
 // Asks the proxy only once its own task has been cancelled.

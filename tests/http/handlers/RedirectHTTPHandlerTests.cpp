@@ -8,11 +8,7 @@ namespace orvel::http {
 namespace {
 
 TEST(RedirectHTTPHandler, AnswersMovedPermanentlyToAURLOrFails) {
-    struct Case {
-        std::string location;
-        std::string expected;
-    };
-    const Case cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"/new", "301 Location=/new "},
         {"https://example.com:8443/a/b?c=d#e", "301 Location=https://example.com:8443/a/b?c=d#e "},
         {"../up", "301 Location=../up "},
@@ -22,9 +18,9 @@ TEST(RedirectHTTPHandler, AnswersMovedPermanentlyToAURLOrFails) {
         {"http://[::1/", "bad URL"},
         {"/%zz", "bad URL"},
     };
-    for (const Case& c : cases) {
-        RedirectHTTPHandler handler(c.location);
-        EXPECT_EQ(answer(handler, request("GET", "/old")), c.expected) << c.location;
+    for (const auto& [location, expected] : cases) {
+        RedirectHTTPHandler handler(location);
+        EXPECT_EQ(answer(handler, request("GET", "/old")), expected) << location;
     }
 }
 
