@@ -35,10 +35,8 @@ protected:
 TEST_F(AudioCaptureSession, AsksForOneChannelAtTheRateWithScreenThenAudioOutputs) {
     auto bytes = start(16000);
     EXPECT_TRUE(stream().started);
-    EXPECT_TRUE(stream().configuration.capturesAudio);
-    EXPECT_EQ(stream().configuration.channelCount, 1u);
-    EXPECT_EQ(stream().configuration.sampleRate, 16000);
-    EXPECT_EQ(stream().configuration.queueDepth, 5);
+    // Audio, one channel, the rate, a queue of 5.
+    EXPECT_THAT(stream().configuration, ::testing::FieldsAre(true, 1u, 16000, 5));
     EXPECT_THAT(stream().outputTypes, ElementsAre(platform::StreamOutputType::screen, platform::StreamOutputType::audio));
     EXPECT_EQ(stream().outputs[0], stream().outputs[1]) << "one delegate serves both";
     EXPECT_THAT(logger_->lines(), ElementsAre("info: Starting audio capture."));

@@ -62,22 +62,16 @@ protected:
     std::string launchedPath(const fs::path& entry) const {
         fs::path marker = folder.path() / "launched";
         fs::remove(marker);
-        GDesktopAppInfo* info = g_desktop_app_info_new_from_filename(entry.c_str());
+        g_autoptr(GDesktopAppInfo) info = g_desktop_app_info_new_from_filename(entry.c_str());
         if (!info) return "<GLib could not load the entry>";
-        GAppLaunchContext* context = g_app_launch_context_new();
+        g_autoptr(GAppLaunchContext) context = g_app_launch_context_new();
         g_app_launch_context_setenv(context, "ORVEL_TEST_MARKER", marker.c_str());
         GPid pid = 0;
-        GError* error = nullptr;
+        g_autoptr(GError) error = nullptr;
         auto recordPid = [](GDesktopAppInfo*, GPid child, gpointer data) { *static_cast<GPid*>(data) = child; };
-        gboolean launched = g_desktop_app_info_launch_uris_as_manager(info, nullptr, context, G_SPAWN_DO_NOT_REAP_CHILD,
-                                                                      nullptr, nullptr, recordPid, &pid, &error);
-        g_object_unref(context);
-        g_object_unref(info);
-        if (!launched) {
-            std::string message = error ? error->message : "unknown error";
-            g_clear_error(&error);
-            return "<launch failed: " + message + ">";
-        }
+        if (!g_desktop_app_info_launch_uris_as_manager(info, nullptr, context, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
+                                                       recordPid, &pid, &error))
+            return std::string("<launch failed: ") + (error ? error->message : "unknown error") + ">";
         ::waitpid(pid, nullptr, 0);
         g_spawn_close_pid(pid);
         std::stringstream text;
