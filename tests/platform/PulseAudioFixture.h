@@ -67,9 +67,6 @@ public:
         stopBus();
     }
 
-    Kind kind() const noexcept { return kind_; }
-    std::string name() const { return kind_ == Kind::pipewire ? "PipeWire" : "PulseAudio"; }
-
     // The server as libpulse takes it; the same across restarts.
     std::string server() const { return "unix:" + (folder_.path() / "xdg" / "pulse" / "native").string(); }
 
@@ -169,11 +166,9 @@ public:
         return waitUntil([&] { return sourceOutputs().empty(); });
     }
 
-    // Plays a sound file on the default sink, or on `sink`; the child ends when it has been played.
-    std::unique_ptr<ChildProcess> play(const std::filesystem::path& file, const std::string& sink = {}) const {
-        std::vector<std::string> argv{findProgram("paplay"), file.string()};
-        if (!sink.empty()) argv.push_back("--device=" + sink);
-        return std::make_unique<ChildProcess>(std::move(argv), childOptions());
+    // Plays a sound file on the default sink; the child ends when it has been played.
+    std::unique_ptr<ChildProcess> play(const std::filesystem::path& file) const {
+        return std::make_unique<ChildProcess>(std::vector<std::string>{findProgram("paplay"), file.string()}, childOptions());
     }
 
     std::string log() const {
