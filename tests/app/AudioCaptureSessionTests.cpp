@@ -43,12 +43,8 @@ TEST_F(AudioCaptureSession, AsksForOneChannelAtTheRateWithScreenThenAudioOutputs
 }
 
 TEST_F(AudioCaptureSession, ARefusedRateFailsBeforeAnyPlatformCall) {
-    try {
-        start(4000);
-        FAIL() << "started";
-    } catch (const AudioCaptureError& error) {
-        EXPECT_EQ(error, AudioCaptureError::cannotCreateSourceFormat());
-    }
+    EXPECT_THAT([&] { start(4000); },
+                ::testing::ThrowsMessage<AudioCaptureError>(AudioCaptureError::cannotCreateSourceFormat().description()));
     EXPECT_THAT(service_->made, IsEmpty());
     EXPECT_THAT(logger_->lines(), IsEmpty());
 }
