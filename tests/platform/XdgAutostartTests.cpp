@@ -14,6 +14,7 @@ namespace orvel::platform {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Status = XdgAutostart::Status;
@@ -156,8 +157,7 @@ TEST_F(LoginItem, ReportsWhichFileCouldNotBeWrittenAndWhy) {
 
     fs::remove(configHome / "autostart");
     fs::create_directories(userEntry());  // a folder in the entry's place: the rename fails
-    EXPECT_THAT(registerFailure(item), HasSubstr(userEntry().string()));
-    EXPECT_THAT(registerFailure(item), HasSubstr("Is a directory"));
+    EXPECT_THAT(registerFailure(item), AllOf(HasSubstr(userEntry().string()), HasSubstr("Is a directory")));
     EXPECT_THAT(namesIn(userEntry().parent_path()), ElementsAre("com.tamrix.orvel.desktop")) << "the temporary file was removed";
 }
 
