@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <ranges>
 
 namespace orvel {
 namespace {
@@ -76,7 +77,9 @@ struct Capture {
     }
     std::vector<float> samples() {
         std::lock_guard lock(received->mutex);
-        return test::int16ToFloats(received->bytes);
+        const auto ints = test::samplesOf(received->bytes);
+        auto floats = ints | std::views::transform([](std::int16_t x) { return x / 32768.0f; });
+        return {floats.begin(), floats.end()};
     }
 };
 

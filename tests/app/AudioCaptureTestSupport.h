@@ -77,14 +77,10 @@ inline platform::SampleBuffer floatBuffer(const std::vector<float>& samples, dou
     return {true, platform::AudioStreamDescription{rate, channels}, std::as_bytes(std::span(samples))};
 }
 
-inline async::Task<std::optional<AudioCaptureDelegate::Bytes>> nextOf(AudioCaptureStream* stream) {
-    co_return co_await stream->next();
-}
+inline async::Task<std::optional<AudioCaptureDelegate::Bytes>> nextOf(AudioCaptureStream* stream) { co_return co_await stream->next(); }
 
 // The next element of the byte stream, waiting on this (non-pool) thread.
-inline std::optional<AudioCaptureDelegate::Bytes> next(AudioCaptureStream& stream) {
-    return async::syncWait(nextOf(&stream));
-}
+inline std::optional<AudioCaptureDelegate::Bytes> next(AudioCaptureStream& stream) { return async::syncWait(nextOf(&stream)); }
 
 inline std::vector<std::int16_t> samplesOf(const AudioCaptureDelegate::Bytes& bytes) {
     std::vector<std::int16_t> samples(bytes.size() / 2);

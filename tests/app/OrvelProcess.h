@@ -5,10 +5,9 @@
 
 #include "e2e/Process.h"
 #include "http/HTTPTestSupport.h"
+#include "net/SocketAddress.h"
 #include "websocket/WSTestSupport.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 
@@ -30,30 +29,20 @@ private:
     Fd fd_;
 };
 
-inline sockaddr_in loopbackAddress(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 // A socket on 127.0.0.1:8505 with SO_REUSEADDR, as orvel binds it; invalid if the port is taken.
 inline Fd bindOrvelPort() {
     Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     int on = 1;
     ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    auto address = loopbackAddress(orvelPort);
-    if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return Fd();
-    return socket;
+    const auto address = net::inet("127.0.0.1", orvelPort);
+    return ::bind(socket.get(), net::addressPointer(address), sizeof address) == 0 ? std::move(socket) : Fd();
 }
 
 // A connection to 127.0.0.1:port; invalid if refused.
 inline Fd connectTo(std::uint16_t port) {
     Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    auto address = loopbackAddress(port);
-    if (::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return Fd();
-    return socket;
+    const auto address = net::inet("127.0.0.1", port);
+    return ::connect(socket.get(), net::addressPointer(address), sizeof address) == 0 ? std::move(socket) : Fd();
 }
 
 struct HTTPAnswer {

@@ -30,11 +30,8 @@ struct PolicyHarness {
         Bundle::InfoDictionary info{{Bundle::versionKey, std::string("1.0.0")}};
         if (automaticUpdates) info.emplace(Bundle::automaticUpdatesKey, false);  // present is what counts
         AppDelegate::Environment environment{
-            Bundle(Bundle::mainIdentifier, info),
-            platform::XdgAutostart({"test", "test", "/nonexistent/orvel", "/nonexistent"}),
-            std::make_shared<net::DisabledLogger>(),
-            [] {},
-            false,
+            Bundle(Bundle::mainIdentifier, info), platform::XdgAutostart({"test", "test", "/nonexistent/orvel", "/nonexistent"}),
+            std::make_shared<net::DisabledLogger>(), [] {}, false,
             [this, startError](AppDelegate&) {
                 ++made;
                 auto updater = std::make_unique<ScriptedUpdater>();
@@ -44,10 +41,9 @@ struct PolicyHarness {
             },
             &count,
             [this](std::string_view line) {
-                {
-                    std::lock_guard guard(lock);
-                    lines.emplace_back(line);
-                }
+                std::unique_lock guard(lock);
+                lines.emplace_back(line);
+                guard.unlock();
                 if (onLine) onLine(line);
             }};
         delegate = std::make_unique<AppDelegate>(std::move(environment));

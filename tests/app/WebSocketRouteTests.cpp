@@ -5,6 +5,7 @@
 #include "app/StreamCount.h"
 #include "async/Async.h"
 #include "e2e/Process.h"
+#include "http/ClosureHTTPHandler.h"
 #include "http/HTTPServer.h"
 #include "websocket/WSTestSupport.h"
 #include "net/Socket.h"
@@ -12,11 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -49,49 +46,34 @@ public:
 };
 
 // A loopback connection as the server sees it, its far end opened by the user `uid`: this
-// process, or a child that drops to that user before connecting and holds on until the end.
+// process, or a child that drops to that user before connecting (the socket belongs to whoever
+// creates it) and holds on until the end.
 class LoopbackConnection {
 public:
-    LoopbackConnection(uid_t uid, int family) {
-        listener_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    LoopbackConnection(uid_t uid, net::AnySocketAddress address) {
+        const int family = address.storage.ss_family;
+        test::Fd listener(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
         timeval guard{30, 0};  // accept waits no longer should the child fail to connect
-        ::setsockopt(listener_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
-        sockaddr_storage address{};
-        socklen_t length = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
-        address.ss_family = static_cast<sa_family_t>(family);
-        if (family == AF_INET) reinterpret_cast<sockaddr_in&>(address).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (family == AF_INET6) reinterpret_cast<sockaddr_in6&>(address).sin6_addr = in6addr_loopback;
-        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), length), 0);
-        EXPECT_EQ(::listen(listener_, 1), 0);
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        ::setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
+        EXPECT_EQ(::bind(listener.get(), net::addressPointer(address), net::size(address)), 0);
+        EXPECT_EQ(::listen(listener.get(), 1), 0);
+        socklen_t length = net::size(address);
+        ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address.storage), &length);  // now with its port
         if (uid == ::geteuid()) {
-            client_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            EXPECT_EQ(::connect(client_, reinterpret_cast<sockaddr*>(&address), length), 0);
+            client_ = test::Fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            EXPECT_EQ(::connect(client_.get(), net::addressPointer(address), length), 0);
         } else {
-            int hold[2];
-            EXPECT_EQ(::pipe2(hold, O_CLOEXEC), 0);
-            child_ = ::fork();
-            if (child_ == 0) {  // only system calls from here on
-                char byte;
-                // The socket belongs to whoever creates it: drop to the user first.
-                bool ok = ::setuid(uid) == 0;
-                int fd = ok ? ::socket(family, SOCK_STREAM, 0) : -1;
-                ok = ok && ::connect(fd, reinterpret_cast<sockaddr*>(&address), length) == 0;
-                ::close(hold[1]);
-                if (ok) ::read(hold[0], &byte, 1);  // until the parent closes its end
-                ::_exit(ok ? 0 : 1);
-            }
-            ::close(hold[0]);
-            hold_ = hold[1];
+            const auto bound = net::Socket(net::Socket::FileDescriptor{listener.get()}).sockname();
+            child_.emplace(std::vector<std::string>{test::findProgram("setpriv"), "--reuid=" + std::to_string(uid),
+                                                    "--regid=" + std::to_string(uid), "--clear-groups", "/usr/bin/python3",
+                                                    "-c", "import socket, sys, time\n"
+                                                    "held = socket.create_connection((sys.argv[1], int(sys.argv[2])))\n"
+                                                    "time.sleep(600)\n",
+                                                    bound.text, std::to_string(bound.port)},
+                           test::ChildProcess::Options{});
         }
-        server_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        EXPECT_GE(server_, 0);
-    }
-    ~LoopbackConnection() {
-        for (int fd : {server_, client_, listener_, hold_}) {
-            if (fd >= 0) ::close(fd);
-        }
-        if (child_ > 0) ::waitpid(child_, nullptr, 0);
+        server_ = test::Fd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        EXPECT_TRUE(server_) << (child_ ? child_->output() : std::strerror(errno));
     }
 
     // A handshake request that arrived on the connection, with an allowed origin unless another is given.
@@ -100,7 +82,7 @@ public:
                                   {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="}, {"Sec-WebSocket-Version", "13"}};
         if (!origin.empty()) headers.set("Origin", origin);
         http::HTTPRequest request(http::HTTPMethod::GET, http::HTTPVersion::http11, "/", {}, std::move(headers), std::string());
-        net::Socket socket(net::Socket::FileDescriptor{server_});
+        net::Socket socket(net::Socket::FileDescriptor{server_.get()});
         auto peer = socket.remotePeer(), local = socket.sockname();
         auto make = peer.kind == net::Socket::Address::Kind::ip4 ? http::HTTPRequest::Address::ip4 : http::HTTPRequest::Address::ip6;
         request.remoteAddress = make(peer.text, peer.port);
@@ -109,22 +91,26 @@ public:
     }
 
 private:
-    int listener_ = -1, client_ = -1, server_ = -1, hold_ = -1;
-    pid_t child_ = -1;
+    std::optional<test::ChildProcess> child_;  // last out: the server's end is closed before the child is ended
+    test::Fd client_, server_;
 };
 
 // Refused before the handshake is looked at: a bare 403 and the reason in the log.
 TEST(WebSocketRoute, AForeignUserOrAMissingOrForeignOriginIsABareForbidden) {
-    LoopbackConnection own(::geteuid(), AF_INET), own6(::geteuid(), AF_INET6);
+    const net::AnySocketAddress ip4(net::inet("127.0.0.1", 0)), ip6(net::loopback(0));
+    LoopbackConnection own(::geteuid(), ip4), own6(::geteuid(), ip6);
     std::optional<LoopbackConnection> other, other6;
     if (::geteuid() == 0) {  // only root can make a connection of another user
-        other.emplace(65534, AF_INET);  // nobody
-        other6.emplace(65534, AF_INET6);
+        other.emplace(65534, ip4);  // nobody
+        other6.emplace(65534, ip6);
     }
     http::HTTPRequest unknown = own.request();
     unknown.localAddress.reset();
     const std::string foreignUser = "error: Connection from user 65534 is not allowed, rejecting WebSocket connection.";
+    // No line: this user's connection with an allowed origin goes on to the handshake.
     const std::pair<std::optional<http::HTTPRequest>, std::string> cases[] = {
+        {own.request(), ""},
+        {own6.request(), ""},
         {own.request(""), "error: Origin header is not present, rejecting WebSocket connection."},
         {own.request("http://localhost.evil.example"),
          "error: Origin http://localhost.evil.example is not allowed, rejecting WebSocket connection."},
@@ -134,37 +120,22 @@ TEST(WebSocketRoute, AForeignUserOrAMissingOrForeignOriginIsABareForbidden) {
     };
     for (const auto& [request, line] : cases) {
         if (!request) continue;
+        SCOPED_TRACE(line);
         auto logger = std::make_shared<test::RecordingLogger>();
         auto response = async::syncWait(handleWebSocketRoute(*request, std::make_shared<NoMessages>(), logger));
-        EXPECT_EQ(response.statusCode, http::HTTPStatusCode::forbidden) << line;
+        if (line.empty()) {
+            EXPECT_EQ(response.statusCode, http::HTTPStatusCode::switchingProtocols);
+            EXPECT_THAT(logger->lines(), ::testing::IsEmpty());
+            continue;
+        }
+        EXPECT_EQ(response.statusCode, http::HTTPStatusCode::forbidden);
         EXPECT_EQ(response.version, http::HTTPVersion::http11);
         EXPECT_TRUE(response.headers.empty());
         EXPECT_TRUE(async::syncWait(response.bodyData()).empty());
         EXPECT_THAT(logger->lines(), ::testing::ElementsAre(line));
     }
-    // This user's connection with an allowed origin goes on to the handshake.
-    for (const LoopbackConnection* connection : {&own, &own6}) {
-        auto logger = std::make_shared<test::RecordingLogger>();
-        auto response = async::syncWait(handleWebSocketRoute(connection->request(), std::make_shared<NoMessages>(), logger));
-        EXPECT_EQ(response.statusCode, http::HTTPStatusCode::switchingProtocols);
-        EXPECT_TRUE(logger->lines().empty());
-    }
     if (!other) GTEST_SKIP() << "not root: no connection of another user to refuse";
 }
-
-// The app's catch-all route on a real server, its capture fed by the test.
-class AppRoute final : public http::HTTPHandler {
-public:
-    AppRoute(std::shared_ptr<http::WSMessageHandler> messages, net::Logger logger)
-        : messages_(std::move(messages)), logger_(std::move(logger)) {}
-    async::Task<http::HTTPResponse> handleRequest(http::HTTPRequest request) override {
-        co_return co_await handleWebSocketRoute(std::move(request), messages_, logger_);
-    }
-
-private:
-    std::shared_ptr<http::WSMessageHandler> messages_;
-    net::Logger logger_;
-};
 
 async::Task<AudioCaptureStream> handOver(std::shared_ptr<std::optional<AudioCaptureStream>> stream, std::int64_t) {
     co_return std::move(**stream);
@@ -186,7 +157,9 @@ TEST(WebSocketRoute, APageThatStopsReadingIsDroppedOnceTenSecondsOfItsAudioAreUn
     auto logger = std::make_shared<http::RecordingLogger>();
     auto messages = std::make_shared<OrvelMessageHandler>([stream](std::int64_t r) { return handOver(stream, r); }, logger);
     http::HTTPServer server(net::AnySocketAddress(net::inet("127.0.0.1", 0)), 15, http::HTTPServer::defaultPool(logger),
-                            logger, std::make_shared<AppRoute>(messages, logger));
+                            logger, std::make_shared<http::ClosureHTTPHandler>([messages, logger](http::HTTPRequest request) {
+                                return handleWebSocketRoute(std::move(request), messages, logger);  // the app's catch-all route
+                            }));
     auto running = async::spawn(server.run());
     async::syncWait(server.waitUntilListening(30));
 

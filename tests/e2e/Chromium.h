@@ -36,29 +36,16 @@ public:
     };
 
     static Evaluation evaluate(const Site& site, const std::string& expression, std::chrono::milliseconds timeout = 60s) {
-        std::vector<std::string> arguments{"--serve", site.folder.string(), "--path", site.path, "--host", site.host};
+        std::vector<std::string> arguments{findProgram("node"), std::string(ORVEL_SOURCE_DIR) + "/tests/e2e/cdp.js",
+                                           "--serve", site.folder.string(), "--path", site.path, "--host", site.host,
+                                           "--expression", expression, "--timeout", std::to_string(timeout.count()),
+                                           "--chromium", browser};
         if (!site.screenshot.empty()) arguments.insert(arguments.end(), {"--screenshot", site.screenshot.string()});
-        return run(std::move(arguments), expression, timeout);
-    }
-
-private:
-    static Evaluation run(std::vector<std::string> arguments, const std::string& expression, std::chrono::milliseconds timeout) {
-        arguments.insert(arguments.begin(), {findProgram("node"), std::string(ORVEL_SOURCE_DIR) + "/tests/e2e/cdp.js"});
-        arguments.insert(arguments.end(), {"--expression", expression, "--timeout", std::to_string(timeout.count()),
-                                           "--chromium", browser});
         // The browser's chatter stays out of the JSON.
         auto run = runProgram(std::move(arguments), {.mergeStderr = false}, timeout + 30s);
-        Evaluation result;
-        result.output = run.output;
         auto json = nlohmann::json::parse(run.output.substr(0, run.output.find('\n')), nullptr, false);
-        if (!json.is_object()) {
-            result.error = "cdp.js printed no result: " + run.output;
-            return result;
-        }
-        result.ok = json.value("ok", false);
-        result.value = json.value("value", nlohmann::json());
-        result.error = json.value("error", "");
-        return result;
+        if (!json.is_object()) return {false, {}, "cdp.js printed no result: " + run.output, run.output};
+        return {json.value("ok", false), json.value("value", nlohmann::json()), json.value("error", ""), run.output};
     }
 };
 

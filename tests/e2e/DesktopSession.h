@@ -5,6 +5,7 @@
 
 #include "e2e/Process.h"
 
+#include <ranges>
 #include <sstream>
 
 namespace orvel::test {
@@ -92,11 +93,8 @@ public:
         ItemView view;
         std::istringstream lines(dbusmenu({"show", item.busName, item.objectPath}));
         for (std::string line; std::getline(lines, line);) {
-            std::vector<std::string> fields{""};
-            for (char c : line) {
-                if (c == '\t') fields.emplace_back();
-                else fields.back().push_back(c);
-            }
+            std::vector<std::string> fields;
+            for (const auto field : std::views::split(line, '\t')) fields.emplace_back(field.begin(), field.end());
             if (fields.size() == 3 && fields[0] == "property") view.properties[fields[1]] = fields[2];
             if (fields.size() == 4 && fields[0] == "entry") view.entries.push_back({fields[1], fields[2] == "True", fields[3]});
         }

@@ -22,6 +22,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <ranges>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -72,14 +73,10 @@ inline bool isExecutable(const std::string& path) { return ::access(path.c_str()
 // The full path of `program` on PATH, or empty.
 inline std::string findProgram(const std::string& program) {
     const char* path = std::getenv("PATH");
-    std::string_view rest = path ? path : "/usr/local/bin:/usr/bin:/bin";
-    while (true) {
-        std::size_t colon = rest.find(':');
-        std::string candidate = std::string(rest.substr(0, colon)) + "/" + program;
-        if (isExecutable(candidate)) return candidate;
-        if (colon == std::string_view::npos) return {};
-        rest.remove_prefix(colon + 1);
-    }
+    for (const auto folder : std::views::split(std::string_view(path ? path : "/usr/local/bin:/usr/bin:/bin"), ':'))
+        if (auto candidate = std::string(folder.begin(), folder.end()) + "/" + program; isExecutable(candidate))
+            return candidate;
+    return {};
 }
 
 class ChildProcess {
@@ -160,18 +157,16 @@ public:
     // The exit status (as waitpid gives it), reading output meanwhile; nullopt at the deadline.
     std::optional<int> waitForExit(Clock::duration timeout) {
         const auto deadline = Clock::now() + timeout;
-        while (!exitStatus_) {
-            int status = 0;
+        for (int status = 0; !exitStatus_;) {
             if (::waitpid(pid_, &status, WNOHANG) == pid_) {
                 exitStatus_ = status;
-                break;
+            } else if (Clock::now() >= deadline) {
+                return std::nullopt;
+            } else {
+                pollfd entries[] = {{pidfd_.get(), POLLIN, 0}, {output_.get(), POLLIN, 0}};  // poll skips a closed -1
+                ::poll(entries, 2, 100);
+                if (entries[1].revents) readSome(Clock::now());
             }
-            if (Clock::now() >= deadline) return std::nullopt;
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            std::vector<pollfd> entries{{pidfd_.get(), POLLIN, 0}};
-            if (output_) entries.push_back({output_.get(), POLLIN, 0});
-            ::poll(entries.data(), entries.size(), static_cast<int>(std::clamp<long long>(left, 0, 100)));
-            if (output_ && entries.back().revents) readSome(Clock::now());
         }
         while (readSome(Clock::now())) {
         }

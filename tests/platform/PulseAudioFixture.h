@@ -3,6 +3,7 @@
 
 // Relative, so that bench programs (which do not have tests/ on their include path) can use it.
 #include "../e2e/Process.h"
+#include "net/SocketAddress.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -37,14 +38,10 @@ public:
         std::filesystem::create_directories(folder_.path() / "home");
         EnvironmentChanges changes{{"XDG_RUNTIME_DIR", runtime.string()},
                                    {"HOME", (folder_.path() / "home").string()},
-                                   {"PULSE_SERVER", server()},
-                                   {"PULSE_RUNTIME_PATH", std::nullopt},
-                                   {"PULSE_SINK", std::nullopt},
-                                   {"PULSE_SOURCE", std::nullopt},
-                                   {"PIPEWIRE_REMOTE", std::nullopt},
-                                   {"PIPEWIRE_RUNTIME_DIR", std::nullopt},
-                                   {"XDG_CONFIG_HOME", std::nullopt},
-                                   {"XDG_STATE_HOME", std::nullopt}};
+                                   {"PULSE_SERVER", server()}};
+        for (const char* name : {"PULSE_RUNTIME_PATH", "PULSE_SINK", "PULSE_SOURCE", "PIPEWIRE_REMOTE", "PIPEWIRE_RUNTIME_DIR",
+                                 "XDG_CONFIG_HOME", "XDG_STATE_HOME"})
+            changes[name] = std::nullopt;
         if (kind_ == Kind::pipewire) {
             const auto bus = runProgram({findProgram("dbus-daemon"), "--session", "--fork", "--print-pid=1",
                                          "--address=unix:path=" + (folder_.path() / "bus").string()},
@@ -69,9 +66,6 @@ public:
         stop();
         stopBus();
     }
-
-    Kind kind() const noexcept { return kind_; }
-    std::string name() const { return kind_ == Kind::pipewire ? "PipeWire" : "PulseAudio"; }
 
     // The server as libpulse takes it; the same across restarts.
     std::string server() const { return "unix:" + (folder_.path() / "xdg" / "pulse" / "native").string(); }
@@ -117,13 +111,9 @@ public:
 
     // True when something listens on the Unix socket at `path`.
     static bool accepts(const std::filesystem::path& path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        const int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const bool listening = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        ::close(probe);
-        return listening;
+        const Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const auto address = net::unix(path.string());
+        return ::connect(probe.get(), net::addressPointer(address), sizeof address) == 0;
     }
 
     // Ends the server: SIGTERM, or SIGKILL for a crash; waits for every process by its pidfd.
@@ -176,11 +166,9 @@ public:
         return waitUntil([&] { return sourceOutputs().empty(); });
     }
 
-    // Plays a sound file on the default sink, or on `sink`; the child ends when it has been played.
-    std::unique_ptr<ChildProcess> play(const std::filesystem::path& file, const std::string& sink = {}) const {
-        std::vector<std::string> argv{findProgram("paplay"), file.string()};
-        if (!sink.empty()) argv.push_back("--device=" + sink);
-        return std::make_unique<ChildProcess>(std::move(argv), childOptions());
+    // Plays a sound file on the default sink; the child ends when it has been played.
+    std::unique_ptr<ChildProcess> play(const std::filesystem::path& file) const {
+        return std::make_unique<ChildProcess>(std::vector<std::string>{findProgram("paplay"), file.string()}, childOptions());
     }
 
     std::string log() const {
@@ -249,10 +237,8 @@ public:
         auto raw = folder_.path() / (file.stem().string() + "-" + std::to_string(rate) + ".f32");
         run({findProgram("sox"), file.string(), "-r", std::to_string(rate), "-c", "1", "-e", "floating-point", "-b",
              "32", "-t", "raw", raw.string()});
-        std::ifstream in(raw, std::ios::binary);
-        std::string bytes((std::istreambuf_iterator<char>(in)), {});
-        std::vector<float> result(bytes.size() / sizeof(float));
-        std::memcpy(result.data(), bytes.data(), result.size() * sizeof(float));
+        std::vector<float> result(std::filesystem::file_size(raw) / sizeof(float));
+        std::ifstream(raw, std::ios::binary).read(reinterpret_cast<char*>(result.data()), result.size() * sizeof(float));
         return result;
     }
 
@@ -303,14 +289,6 @@ struct SignalMatch {
     }
     best.levelRatio = rms(captured.subspan(best.offset, window)) / rms(probe);
     return best;
-}
-
-// 16-bit little-endian samples as floats in -1..1.
-inline std::vector<float> int16ToFloats(std::span<const std::uint8_t> bytes) {
-    std::vector<float> result(bytes.size() / 2);
-    for (std::size_t i = 0; i < result.size(); ++i)
-        result[i] = static_cast<std::int16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)) / 32768.0f;
-    return result;
 }
 
 }  // namespace orvel::test

@@ -14,6 +14,7 @@ namespace orvel::platform {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Status = XdgAutostart::Status;
@@ -62,22 +63,16 @@ protected:
     std::string launchedPath(const fs::path& entry) const {
         fs::path marker = folder.path() / "launched";
         fs::remove(marker);
-        GDesktopAppInfo* info = g_desktop_app_info_new_from_filename(entry.c_str());
+        g_autoptr(GDesktopAppInfo) info = g_desktop_app_info_new_from_filename(entry.c_str());
         if (!info) return "<GLib could not load the entry>";
-        GAppLaunchContext* context = g_app_launch_context_new();
+        g_autoptr(GAppLaunchContext) context = g_app_launch_context_new();
         g_app_launch_context_setenv(context, "ORVEL_TEST_MARKER", marker.c_str());
         GPid pid = 0;
-        GError* error = nullptr;
+        g_autoptr(GError) error = nullptr;
         auto recordPid = [](GDesktopAppInfo*, GPid child, gpointer data) { *static_cast<GPid*>(data) = child; };
-        gboolean launched = g_desktop_app_info_launch_uris_as_manager(info, nullptr, context, G_SPAWN_DO_NOT_REAP_CHILD,
-                                                                      nullptr, nullptr, recordPid, &pid, &error);
-        g_object_unref(context);
-        g_object_unref(info);
-        if (!launched) {
-            std::string message = error ? error->message : "unknown error";
-            g_clear_error(&error);
-            return "<launch failed: " + message + ">";
-        }
+        if (!g_desktop_app_info_launch_uris_as_manager(info, nullptr, context, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
+                                                       recordPid, &pid, &error))
+            return std::string("<launch failed: ") + (error ? error->message : "unknown error") + ">";
         ::waitpid(pid, nullptr, 0);
         g_spawn_close_pid(pid);
         std::stringstream text;
@@ -162,8 +157,7 @@ TEST_F(LoginItem, ReportsWhichFileCouldNotBeWrittenAndWhy) {
 
     fs::remove(configHome / "autostart");
     fs::create_directories(userEntry());  // a folder in the entry's place: the rename fails
-    EXPECT_THAT(registerFailure(item), HasSubstr(userEntry().string()));
-    EXPECT_THAT(registerFailure(item), HasSubstr("Is a directory"));
+    EXPECT_THAT(registerFailure(item), AllOf(HasSubstr(userEntry().string()), HasSubstr("Is a directory")));
     EXPECT_THAT(namesIn(userEntry().parent_path()), ElementsAre("com.tamrix.orvel.desktop")) << "the temporary file was removed";
 }
 
