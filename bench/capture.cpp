@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <numbers>
 
@@ -90,23 +91,15 @@ long memoryKiB(const std::string& field) {
     return -1;
 }
 
-// CPU seconds a child has used so far (utime + stime from /proc/<pid>/stat).
+// CPU seconds a process has run so far, summed over its threads from /proc/<pid>/task/*/schedstat
+// (nanoseconds; /proc/<pid>/stat counts clock ticks, too coarse for a tenth of a second).
 double childCpuSeconds(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), {});
-    const auto close = text.rfind(')');
-    if (close == std::string::npos) return -1.0;
-    std::istringstream fields(text.substr(close + 2));
-    std::string field;
-    unsigned long long utime = 0, stime = 0;
-    for (int index = 3; fields >> field; ++index) {  // field 3 is the state
-        if (index == 14) utime = std::stoull(field);
-        if (index == 15) {
-            stime = std::stoull(field);
-            break;
-        }
+    double seconds = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        unsigned long long nanoseconds = 0;
+        if (std::ifstream(task.path() / "schedstat") >> nanoseconds) seconds += static_cast<double>(nanoseconds) / 1e9;
     }
-    return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    return seconds;
 }
 
 // Consumes the byte stream the way the streaming handler does: accumulate, cut 100 ms messages.
