@@ -305,6 +305,7 @@ void PulseAudioCapture::Connection::sweep() {
 // batch still wakes the loop at once, so a batch is handed on as early as before.
 std::chrono::milliseconds PulseAudioCapture::Connection::readDelay() const {
     using std::chrono::milliseconds;
+    if (captures.empty()) return milliseconds(0);
     auto delay = milliseconds::max();
     for (const auto& core : captures) {
         if (core->state != CaptureState::running) return milliseconds(0);
@@ -312,7 +313,7 @@ std::chrono::milliseconds PulseAudioCapture::Connection::readDelay() const {
         const std::size_t missing = core->batchFrames() - pendingFrames % core->batchFrames();
         delay = std::min(delay, milliseconds(missing * 1000 / static_cast<std::size_t>(core->configuration.sampleRate)));
     }
-    return captures.empty() ? milliseconds(0) : std::max(milliseconds(0), delay - options.fragment);
+    return std::max(milliseconds(0), delay - options.fragment);
 }
 
 void PulseAudioCapture::Connection::armTick() {

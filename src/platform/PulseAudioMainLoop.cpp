@@ -81,15 +81,14 @@ int PulseAudioMainLoop::poll(pollfd* descriptors, unsigned long count, int timeo
     auto& loop = *static_cast<PulseAudioMainLoop*>(self);
     const auto delay = static_cast<int>(loop.readDelay_().count());
     loop.mutex_.unlock();
-    int ready = ::poll(descriptors, count, 0);
-    if (ready == 0 && timeout != 0) {
-        if (delay > 0) {
-            const int wait = timeout > 0 ? std::min(delay, timeout) : delay;
-            pollfd wake{loop.wake_, POLLIN, 0};
-            if (::poll(&wake, 1, wait) == 0 && timeout > 0) timeout -= wait;
-        }
-        ready = ::poll(descriptors, count, timeout);
+    // Only a pause needs the look at what is ready now; without one it is a system call for nothing.
+    int ready = 0;
+    if (delay > 0 && timeout != 0 && (ready = ::poll(descriptors, count, 0)) == 0) {
+        const int wait = timeout > 0 ? std::min(delay, timeout) : delay;
+        pollfd wake{loop.wake_, POLLIN, 0};
+        if (::poll(&wake, 1, wait) == 0 && timeout > 0) timeout -= wait;
     }
+    if (ready == 0) ready = ::poll(descriptors, count, timeout);
     loop.mutex_.lock();
     return ready;
 }
