@@ -4,7 +4,9 @@
 #include "net/Logging.h"
 #include "platform/CaptureStream.h"
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <exception>
 #include <memory>
 
@@ -15,10 +17,14 @@ namespace orvel {
 // capture fails) stops the capture.
 using AudioCaptureStream = AudioCaptureDelegate::ByteStream;
 
-// What a capture runs on: the platform's capture service and the application's log.
+// What a capture runs on: the platform's capture service, the application's log, and the clock
+// that places a page's start among the captured samples.
 struct AudioCaptureEnvironment {
+    using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
     std::shared_ptr<platform::CaptureService> service;
     net::Logger logger;
+    Clock clock = std::chrono::steady_clock::now;
 
     // PulseAudio's default server and the application's log (appLogger).
     static AudioCaptureEnvironment standard();

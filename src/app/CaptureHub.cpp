@@ -46,7 +46,7 @@ async::Task<AudioCaptureStream> startShared(std::shared_ptr<CaptureHub::State> s
             }
         }
         if (!capture) {
-            capture = std::make_shared<SharedCapture>(sampleRate, state->environment.logger);
+            capture = std::make_shared<SharedCapture>(sampleRate, state->environment.logger, state->environment.clock);
             std::erase_if(state->captures, [](const auto& entry) { return entry.second.expired(); });
             state->captures[sampleRate] = capture;
             reader = capture->join(output);

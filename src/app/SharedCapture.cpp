@@ -1,16 +1,19 @@
 #include "app/SharedCapture.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace orvel {
 
 using platform::StreamOutputType;
 
-SharedCapture::SharedCapture(std::int64_t sampleRate, net::Logger logger)
+SharedCapture::SharedCapture(std::int64_t sampleRate, net::Logger logger, std::function<Clock::time_point()> clock)
     : delegate_(sampleRate, logger),  // refuses the rate before anything is made
       logger_(std::move(logger)),
-      chunkBytes_(static_cast<std::size_t>(sampleRate / 10) * 2) {}
+      clock_(std::move(clock)),
+      chunkBytes_(static_cast<std::size_t>(sampleRate / 10) * 2),
+      framesWanted_(chunkBytes_ / 2) {}
 
 SharedCapture::~SharedCapture() = default;
 
@@ -59,8 +62,16 @@ void SharedCapture::start() {
 std::uint64_t SharedCapture::join(Output output) {
     std::lock_guard lock(mutex_);
     if (shared_.phase == Phase::ended) return 0;
-    Reader reader{++shared_.lastId, std::move(output), {}};
+    // What was captured since the last buffer is on its way, and came before this reader.
+    std::uint64_t first = shared_.frames;
+    if (first > 0) {
+        const auto since = std::chrono::duration_cast<std::chrono::microseconds>(clock_() - shared_.lastBuffer);
+        first += static_cast<std::uint64_t>(std::max<std::int64_t>(0, since.count()) * sampleRate() / 1'000'000);
+    }
+    Reader reader{++shared_.lastId, std::move(output), first, {}};
     reader.pending.reserve(chunkBytes_);
+    const std::size_t wanted = handOnFrame(dueFrame(reader)) - shared_.frames;
+    if (wanted < framesWanted_.load(std::memory_order_relaxed)) framesWanted_.store(wanted, std::memory_order_relaxed);
     shared_.readers.push_back(std::move(reader));
     return shared_.lastId;
 }
@@ -133,13 +144,19 @@ void SharedCapture::didOutputSampleBuffer(const platform::SampleBuffer& buffer, 
     {
         std::lock_guard lock(mutex_);
         if (shared_.phase != Phase::running) return;
+        const std::uint64_t first = shared_.frames;
+        shared_.frames += bytes.size() / 2;
+        shared_.lastBuffer = clock_();
+        std::uint64_t due = std::numeric_limits<std::uint64_t>::max();
         std::erase_if(shared_.readers, [&](Reader& reader) {
             if (reader.output.bufferedCount() >= maximumUnreadChunks) {
                 tooSlow.push_back(std::move(reader.output));
                 return true;
             }
+            // Samples from before the reader joined are not its own.
+            const std::uint64_t skipped = std::clamp(reader.firstFrame, first, shared_.frames) - first;
             // Yielding only queues the chunk and schedules the reader; it never runs it here.
-            for (std::size_t at = 0; at < bytes.size();) {
+            for (auto at = static_cast<std::size_t>(skipped * 2); at < bytes.size();) {
                 const std::size_t take = std::min(chunkBytes_ - reader.pending.size(), bytes.size() - at);
                 reader.pending.insert(reader.pending.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at),
                                       bytes.begin() + static_cast<std::ptrdiff_t>(at + take));
@@ -149,11 +166,23 @@ void SharedCapture::didOutputSampleBuffer(const platform::SampleBuffer& buffer, 
                     reader.pending.reserve(chunkBytes_);
                 }
             }
+            due = std::min(due, dueFrame(reader));
             return false;
         });
+        framesWanted_.store(shared_.readers.empty() ? chunkBytes_ / 2 : handOnFrame(due) - shared_.frames,
+                            std::memory_order_relaxed);
     }
     for (auto& output : tooSlow) output.finish(std::make_exception_ptr(ReaderTooSlow()));
     // The last reader dropped stops the capture through its own leave().
+}
+
+std::uint64_t SharedCapture::dueFrame(const Reader& reader) const noexcept {
+    return std::max(reader.firstFrame, shared_.frames) + (chunkBytes_ - reader.pending.size()) / 2;
+}
+
+std::uint64_t SharedCapture::handOnFrame(std::uint64_t due) const noexcept {
+    const std::uint64_t step = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(sampleRate()) * handOnStep.count() / 1000);
+    return (due + step - 1) / step * step;
 }
 
 void SharedCapture::didStopWithError(std::exception_ptr error) { end(std::move(error), true); }

@@ -4,6 +4,8 @@
 #include "net/Logging.h"
 #include "platform/CaptureStream.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -16,6 +18,8 @@ namespace orvel {
 // One platform capture at one rate, read by every page streaming at that rate. Each buffer is
 // checked and converted once, then cut into each reader's own 100 ms chunks from the moment that
 // reader joined, so a page is woken once per message whatever the platform's buffer size. The
+// platform is asked for samples when the next reader's chunk is due, so pages that joined at
+// different moments are served at different moments, not all in one burst every 100 ms. The
 // capture thread never waits for a reader: one that leaves too much unread is dropped. Found and
 // made by CaptureHub. The platform stream holds this object as its output and delegate, and this
 // holds the platform stream until the capture ends (failure, or the last reader leaving), which
@@ -36,9 +40,12 @@ public:
     // 10 s: as much as a page's connection may hold unsent. A reader this far behind is a task
     // that does not run, and keeping more would only grow memory.
     static constexpr std::size_t maximumUnreadChunks = 100;
+    // Readers due within one step are served together: fewer, larger hand-ons cost less, and a
+    // chunk waits at most this long.
+    static constexpr std::chrono::milliseconds handOnStep{20};
 
     // Throws AudioCaptureError::cannotCreateSourceFormat for a rate the delegate refuses.
-    SharedCapture(std::int64_t sampleRate, net::Logger logger);
+    SharedCapture(std::int64_t sampleRate, net::Logger logger, std::function<std::chrono::steady_clock::time_point()> clock);
     ~SharedCapture() override;
 
     std::int64_t sampleRate() const noexcept { return delegate_.expectedSampleRate(); }
@@ -58,15 +65,18 @@ public:
     void leave(std::uint64_t reader);
 
     void didOutputSampleBuffer(const platform::SampleBuffer& buffer, platform::StreamOutputType type) override;
+    std::size_t framesWanted() const noexcept override { return framesWanted_.load(std::memory_order_relaxed); }
     // Every reader's byte stream ends with the error.
     void didStopWithError(std::exception_ptr error) override;
 
 private:
     enum class Phase { starting, running, ended };
+    using Clock = std::chrono::steady_clock;
     struct Reader {
         std::uint64_t id;
         Output output;
-        Bytes pending;  // less than a chunk, waiting for more samples
+        std::uint64_t firstFrame;  // of the capture's frames, the first one this reader gets
+        Bytes pending;             // less than a chunk, waiting for more samples
     };
     struct Shared {  // under mutex_
         Phase phase = Phase::starting;
@@ -75,7 +85,15 @@ private:
         std::vector<std::function<void(std::exception_ptr)>> waiting;
         std::shared_ptr<platform::CaptureStream> stream;
         std::uint64_t lastId = 0;
+        std::uint64_t frames = 0;  // received so far
+        Clock::time_point lastBuffer;  // when the last of them came
     };
+
+    // The frame, counted like Shared::frames, with which the reader's next chunk is complete.
+    std::uint64_t dueFrame(const Reader& reader) const noexcept;
+    // Chunks are handed on at the first step boundary at or after they are due: a fixed grid, so
+    // a reader is served at the same point of every step, however the others are spread.
+    std::uint64_t handOnFrame(std::uint64_t due) const noexcept;
 
     // Ends the capture: waiters and readers get the error, the platform stream is released
     // (asked to stop first when it ran).
@@ -83,7 +101,9 @@ private:
 
     AudioCaptureDelegate delegate_;
     net::Logger logger_;
+    std::function<Clock::time_point()> clock_;
     std::size_t chunkBytes_;
+    std::atomic<std::size_t> framesWanted_;  // until the first due chunk; written under mutex_
     std::mutex mutex_;
     Shared shared_;
 };

@@ -39,6 +39,10 @@ class StreamOutput {
 public:
     virtual ~StreamOutput() = default;
     virtual void didOutputSampleBuffer(const SampleBuffer& buffer, StreamOutputType type) = 0;
+    // How many more frames the output needs before a buffer is of use to it (its next message is
+    // complete); 0 leaves it to the stream's own batching. Asked on the stream's thread, which may
+    // hold samples back until then so the output is woken less often. Must not block.
+    virtual std::size_t framesWanted() const noexcept { return 0; }
 };
 
 // Told, on the stream's thread, when a started stream ends by itself with an error.

@@ -99,6 +99,10 @@ struct PulseAudioCapture::Core {
     Clock::time_point lastOpen;
 
     std::size_t batchFrames() const;
+    // The fewest frames an audio output asks for before its next buffer; 0 when none says.
+    std::size_t wantedFrames() const;
+    // Frames still to come before a hand-on.
+    std::size_t missingFrames() const;
     void append(const float* samples, std::size_t frames, std::size_t recordedChannels);
     void appendSilence(std::size_t frames);
     void deliver();
@@ -148,6 +152,21 @@ std::size_t PulseAudioCapture::Core::batchFrames() const {
     return std::max<std::size_t>(1, static_cast<std::size_t>(configuration.sampleRate * milliseconds / 1000));
 }
 
+std::size_t PulseAudioCapture::Core::wantedFrames() const {
+    std::size_t wanted = 0;
+    for (const auto& output : audioOutputs) {
+        const std::size_t frames = output->framesWanted();
+        if (frames > 0 && (wanted == 0 || frames < wanted)) wanted = frames;
+    }
+    return wanted;
+}
+
+std::size_t PulseAudioCapture::Core::missingFrames() const {
+    const std::size_t have = pending.size() / configuration.channelCount;
+    if (const std::size_t wanted = wantedFrames(); wanted > 0) return wanted > have ? wanted - have : 0;
+    return batchFrames() - have % batchFrames();
+}
+
 void PulseAudioCapture::Core::append(const float* samples, std::size_t frames, std::size_t recordedChannels) {
     const std::size_t channels = configuration.channelCount;
     if (recordedChannels == channels) {
@@ -163,11 +182,13 @@ void PulseAudioCapture::Core::appendSilence(std::size_t frames) {
     pending.resize(pending.size() + frames * configuration.channelCount, 0.0f);
 }
 
-// Hands on whole batches and keeps the rest, so every hand-on is a message's worth.
+// Hands on everything once the outputs' wish is met; to outputs without one, whole batches,
+// keeping the rest.
 void PulseAudioCapture::Core::deliver() {
     const std::size_t channels = configuration.channelCount;
-    const std::size_t batch = batchFrames() * channels;
-    const std::size_t ready = pending.size() / batch * batch;
+    const std::size_t have = pending.size() / channels;
+    const std::size_t wanted = wantedFrames();
+    const std::size_t ready = (wanted > 0 ? (have >= wanted ? have : 0) : have / batchFrames() * batchFrames()) * channels;
     if (ready == 0 || stopRequested.load(std::memory_order_acquire)) return;
     const SampleBuffer buffer{true, AudioStreamDescription{static_cast<double>(configuration.sampleRate),
                                                            configuration.channelCount},
@@ -300,18 +321,17 @@ void PulseAudioCapture::Connection::sweep() {
 }
 
 // The server pushes every block the sink renders, a few milliseconds apart; waking for each costs
-// more than the capture itself. Its socket can go unread until the first running capture's batch
-// could be complete, less one push (a push carries up to a fragment). The push that completes a
-// batch still wakes the loop at once, so a batch is handed on as early as before.
+// more than the capture itself. Its socket can go unread until the first running capture's next
+// hand-on could be due, less one push (a push carries up to a fragment). The push that completes
+// it still wakes the loop at once, so nothing is handed on later than without the pause.
 std::chrono::milliseconds PulseAudioCapture::Connection::readDelay() const {
     using std::chrono::milliseconds;
     if (captures.empty()) return milliseconds(0);
     auto delay = milliseconds::max();
     for (const auto& core : captures) {
         if (core->state != CaptureState::running) return milliseconds(0);
-        const std::size_t pendingFrames = core->pending.size() / core->configuration.channelCount;
-        const std::size_t missing = core->batchFrames() - pendingFrames % core->batchFrames();
-        delay = std::min(delay, milliseconds(missing * 1000 / static_cast<std::size_t>(core->configuration.sampleRate)));
+        delay = std::min(delay, milliseconds(core->missingFrames() * 1000 /
+                                             static_cast<std::size_t>(core->configuration.sampleRate)));
     }
     return std::max(milliseconds(0), delay - options.fragment);
 }

@@ -12,7 +12,7 @@ namespace orvel::platform {
 // capture records the monitor's two channels and averages them, so a centred signal keeps its
 // level whichever server mixes. Captures made by one PulseAudioCaptureService share one
 // connection and one libpulse thread, each with its own record stream; buffers and errors arrive
-// on that thread, at most about once per 100 ms of audio. The capture follows the default output
+// on that thread, when the outputs want them (StreamOutput::framesWanted) or else once per batch. The capture follows the default output
 // when it changes, and rides out a server that goes away for less than `reconnectWindow`: it
 // reconnects and fills the gap with silence of the gap's length. Pulse headers stay in the .cpp.
 class PulseAudioCapture final : public CaptureStream {
@@ -26,7 +26,7 @@ public:
         // Asked-for read size, and the most one push of the server carries. The server's default
         // is 2 s bursts; ~20 ms keeps latency low.
         std::chrono::milliseconds fragment{20};
-        // How much audio is handed on at once: the runtime is woken once per message's worth.
+        // How much audio is handed on at once to outputs that do not say what they want.
         std::chrono::milliseconds batch{100};
         // How long a lost server or record stream may take to come back before the capture fails.
         std::chrono::milliseconds reconnectWindow{10000};

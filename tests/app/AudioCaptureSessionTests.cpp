@@ -24,12 +24,15 @@ const std::vector<std::string> stopLines{"info: Starting audio capture.",
 class AudioCaptureSession : public ::testing::Test {
 protected:
     AudioCaptureStream start(std::int64_t rate = 48000) {
-        return async::syncWait(startAudioCapture(rate, {service_, logger_}));
+        return async::syncWait(startAudioCapture(rate, environment()));
     }
+    // Time stands still unless a test moves it: where a page starts among the samples depends on it.
+    AudioCaptureEnvironment environment() { return {service_, logger_, [this] { return now_; }}; }
     test::FakeCaptureStream::Record& stream(std::size_t index = 0) { return *service_->made.at(index); }
 
     std::shared_ptr<test::FakeCaptureService> service_ = std::make_shared<test::FakeCaptureService>();
     std::shared_ptr<test::RecordingLogger> logger_ = std::make_shared<test::RecordingLogger>();
+    std::chrono::steady_clock::time_point now_;
 };
 
 TEST_F(AudioCaptureSession, AsksForOneChannelAtTheRateWithScreenThenAudioOutputs) {
@@ -95,23 +98,28 @@ std::vector<std::int16_t> runs(std::initializer_list<std::pair<std::size_t, std:
     return samples;
 }
 
-// Pages at 16000 Hz (chunks of 1600 samples) and one at 8000 Hz, on one hub.
+// Pages at 16000 Hz (chunks of 1600 samples, hand-on steps of 320) and one at 8000 Hz, on one hub.
 TEST_F(AudioCaptureSession, PagesAtARateShareOnePlatformStreamEachCutFromItsOwnStart) {
-    CaptureHub hub({service_, logger_});
+    CaptureHub hub(environment());
     std::optional<AudioCaptureStream> first = async::syncWait(hub.start(16000));
     auto other = async::syncWait(hub.start(8000));
+    const auto& output = *stream(0).outputs.at(1);
+    EXPECT_EQ(output.framesWanted(), 1600u);
     test::deliver(stream(0), floatBuffer(std::vector<float>(1000, 0.5f), 16000.0));
+    EXPECT_EQ(output.framesWanted(), 600u) << "the rest of the first page's chunk";
+    now_ += std::chrono::milliseconds(25);  // 400 samples on their way when the late page joins
     std::optional<AudioCaptureStream> late = async::syncWait(hub.start(16000));
     test::deliver(stream(0), floatBuffer(std::vector<float>(2200, 0.25f), 16000.0));
     EXPECT_EQ(service_->made.size(), 2u) << "one platform stream per rate";
     EXPECT_EQ(test::samplesOf(*test::next(*first)), runs({{1000, 16384}, {600, 8192}}));
     EXPECT_EQ(test::samplesOf(*test::next(*first)), runs({{1600, 8192}}));
     EXPECT_EQ(test::samplesOf(*test::next(*late)), runs({{1600, 8192}})) << "nothing from before its start";
+    EXPECT_EQ(output.framesWanted(), 1600u) << "the late page, due 200 before, waits for the step boundary";
 
     first.reset();
     EXPECT_EQ(stream(0).stops, 0) << "a page leaving stops nothing while another reads";
-    test::deliver(stream(0), floatBuffer(std::vector<float>(1000, 0.0f), 16000.0));
-    EXPECT_EQ(test::samplesOf(*test::next(*late)), runs({{600, 8192}, {1000, 0}}));
+    test::deliver(stream(0), floatBuffer(std::vector<float>(1400, 0.0f), 16000.0));
+    EXPECT_EQ(test::samplesOf(*test::next(*late)), runs({{200, 8192}, {1400, 0}}));
     late.reset();
     EXPECT_EQ(stream(0).stops, 1) << "the last page's leaving stops it";
     EXPECT_TRUE(stream(0).destroyed);
