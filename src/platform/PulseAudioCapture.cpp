@@ -182,19 +182,22 @@ void PulseAudioCapture::Core::appendSilence(std::size_t frames) {
     pending.resize(pending.size() + frames * configuration.channelCount, 0.0f);
 }
 
-// Hands on everything once the outputs' wish is met; to outputs without one, whole batches,
-// keeping the rest.
+// Hands on exactly what the outputs want, as often as it is there, so each hand-on ends where
+// they asked; to outputs that do not say, whole batches. The rest waits for more samples.
 void PulseAudioCapture::Core::deliver() {
     const std::size_t channels = configuration.channelCount;
-    const std::size_t have = pending.size() / channels;
-    const std::size_t wanted = wantedFrames();
-    const std::size_t ready = (wanted > 0 ? (have >= wanted ? have : 0) : have / batchFrames() * batchFrames()) * channels;
-    if (ready == 0 || stopRequested.load(std::memory_order_acquire)) return;
-    const SampleBuffer buffer{true, AudioStreamDescription{static_cast<double>(configuration.sampleRate),
-                                                           configuration.channelCount},
-                              std::as_bytes(std::span(pending.data(), ready))};
-    for (const auto& output : audioOutputs) output->didOutputSampleBuffer(buffer, StreamOutputType::audio);
-    pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(ready));
+    for (;;) {
+        const std::size_t have = pending.size() / channels;
+        const std::size_t wanted = wantedFrames();
+        const std::size_t ready = (wanted > 0 ? (have >= wanted ? wanted : 0) : have / batchFrames() * batchFrames()) * channels;
+        if (ready == 0 || stopRequested.load(std::memory_order_acquire)) return;
+        const SampleBuffer buffer{true, AudioStreamDescription{static_cast<double>(configuration.sampleRate),
+                                                               configuration.channelCount},
+                                  std::as_bytes(std::span(pending.data(), ready))};
+        for (const auto& output : audioOutputs) output->didOutputSampleBuffer(buffer, StreamOutputType::audio);
+        pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(ready));
+        if (wanted == 0) return;
+    }
 }
 
 void PulseAudioCapture::Core::fillGap(Clock::time_point now) {
