@@ -62,11 +62,12 @@ void SharedCapture::start() {
 std::uint64_t SharedCapture::join(Output output) {
     std::lock_guard lock(mutex_);
     if (shared_.phase == Phase::ended) return 0;
-    // What was captured since the last buffer is on its way, and came before this reader.
+    // What was captured since the last buffer is on its way, and came before this reader. At most
+    // a chunk of it: a server that sends nothing for a while (a suspended sink) captured nothing.
     std::uint64_t first = shared_.frames;
     if (first > 0) {
         const auto since = std::chrono::duration_cast<std::chrono::microseconds>(clock_() - shared_.lastBuffer);
-        first += static_cast<std::uint64_t>(std::max<std::int64_t>(0, since.count()) * sampleRate() / 1'000'000);
+        first += static_cast<std::uint64_t>(std::clamp<std::int64_t>(since.count(), 0, 100'000) * sampleRate() / 1'000'000);
     }
     Reader reader{++shared_.lastId, std::move(output), first, {}};
     reader.pending.reserve(chunkBytes_);

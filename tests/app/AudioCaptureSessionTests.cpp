@@ -131,6 +131,17 @@ TEST_F(AudioCaptureSession, PagesAtARateShareOnePlatformStreamEachCutFromItsOwnS
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "info: Stopped audio capture."), 2);
 }
 
+TEST_F(AudioCaptureSession, APageJoiningWhileTheServerSendsNothingMissesAtMostAChunkOfWhatComesNext) {
+    CaptureHub hub(environment());
+    auto first = async::syncWait(hub.start(16000));
+    test::deliver(stream(), floatBuffer(std::vector<float>(1600, 0.5f), 16000.0));
+    now_ += std::chrono::minutes(1);  // a suspended sink's monitor sends nothing
+    auto late = async::syncWait(hub.start(16000));
+    test::deliver(stream(), floatBuffer(std::vector<float>(3200, 0.25f), 16000.0));
+    stream().delegate->didStopWithError(std::make_exception_ptr(platform::PulseAudioError::failed("Capture", 11)));
+    EXPECT_EQ(test::samplesOf(*test::next(late)), runs({{1600, 8192}}));
+}
+
 // The error that ended a byte stream, as its description (which names its type).
 std::string endingError(AudioCaptureStream& stream) {
     try {
