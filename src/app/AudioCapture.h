@@ -6,8 +6,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <exception>
+#include <functional>
 #include <memory>
 
 namespace orvel {
