@@ -42,7 +42,7 @@ public:
     static constexpr std::size_t maximumUnreadChunks = 100;
     // Readers due within one step are served together: fewer, larger hand-ons cost less, and a
     // chunk waits at most this long.
-    static constexpr std::chrono::milliseconds handOnStep{20};
+    static constexpr std::chrono::milliseconds handOnStep{50};
 
     // Throws AudioCaptureError::cannotCreateSourceFormat for a rate the delegate refuses.
     SharedCapture(std::int64_t sampleRate, net::Logger logger, std::function<std::chrono::steady_clock::time_point()> clock);

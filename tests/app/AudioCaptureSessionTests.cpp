@@ -98,7 +98,7 @@ std::vector<std::int16_t> runs(std::initializer_list<std::pair<std::size_t, std:
     return samples;
 }
 
-// Pages at 16000 Hz (chunks of 1600 samples, hand-on steps of 320) and one at 8000 Hz, on one hub.
+// Pages at 16000 Hz (chunks of 1600 samples, hand-on steps of 800) and one at 8000 Hz, on one hub.
 TEST_F(AudioCaptureSession, PagesAtARateShareOnePlatformStreamEachCutFromItsOwnStart) {
     CaptureHub hub(environment());
     std::optional<AudioCaptureStream> first = async::syncWait(hub.start(16000));
