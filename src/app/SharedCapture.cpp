@@ -66,8 +66,9 @@ std::uint64_t SharedCapture::join(Output output) {
     // a chunk of it: a server that sends nothing for a while (a suspended sink) captured nothing.
     std::uint64_t first = shared_.frames;
     if (first > 0) {
-        const auto since = std::chrono::duration_cast<std::chrono::microseconds>(clock_() - shared_.lastBuffer);
-        first += static_cast<std::uint64_t>(std::clamp<std::int64_t>(since.count(), 0, 100'000) * sampleRate() / 1'000'000);
+        const auto since = std::chrono::duration_cast<std::chrono::microseconds>(clock_() - shared_.lastBuffer).count();
+        const auto frames = static_cast<std::uint64_t>(std::max<std::int64_t>(0, since) * sampleRate() / 1'000'000);
+        first += std::min<std::uint64_t>(frames, chunkBytes_ / 2);
     }
     Reader reader{++shared_.lastId, std::move(output), first, {}};
     reader.pending.reserve(chunkBytes_);

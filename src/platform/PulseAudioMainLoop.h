@@ -13,7 +13,7 @@ namespace orvel::platform {
 // A libpulse main loop on a thread of its own, locked the way libpulse's threaded loop is: the
 // thread holds the lock while it dispatches and lets go of it while it waits. Unlike that one it
 // can leave the server's socket unread for a while: a record stream gets a push for every block
-// the sink renders, a few milliseconds apart, and its owner only needs them when a batch is due.
+// the sink renders, a few milliseconds apart, and its owner only needs them when a hand-on is due.
 // Only samples wait: wake(), any unlock from another thread and a due timer end the pause at once.
 class PulseAudioMainLoop {
 public:
