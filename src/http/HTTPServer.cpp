@@ -119,6 +119,15 @@ net::Socket HTTPServer::makeListeningSocket() {
         socket.setValue(true, net::noSIGPIPE);
         socket.bind(config_.address);
         socket.listen(listenBacklog);  // closes the descriptor itself when it fails
+        if (config_.address.family() != AF_UNIX) {
+            // Clients speak first: a connection accepted with its request already in is served
+            // without a wait on the pool. One that stays silent comes a second later.
+            try {
+                socket.setValue(1, net::deferAcceptSeconds);
+            } catch (const net::SocketError&) {
+                // a kernel without it serves the same, with one wait more per connection
+            }
+        }
     } catch (const net::SocketError& error) {
         if (error.type() != "Listen" && error.type() != "Close") {
             try {

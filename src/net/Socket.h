@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cstddef>
@@ -66,6 +67,9 @@ inline constexpr NoSIGPIPEOption noSIGPIPE{};
 inline constexpr Int32SocketOption sendBufferSize{SOL_SOCKET, SO_SNDBUF};
 inline constexpr Int32SocketOption receiveBufferSize{SOL_SOCKET, SO_RCVBUF};
 inline constexpr Int32SocketOption socketTypeOption{SOL_SOCKET, SO_TYPE};
+// A TCP listener hands on a connection only once its first bytes are in, or after this many
+// seconds without them.
+inline constexpr Int32SocketOption deferAcceptSeconds{IPPROTO_TCP, TCP_DEFER_ACCEPT};
 inline constexpr BoolSocketOption packetInfoIP{IPPROTO_IP, IP_PKTINFO};
 inline constexpr BoolSocketOption packetInfoIPv6{IPPROTO_IPV6, IPV6_RECVPKTINFO};
 
