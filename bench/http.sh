@@ -4,7 +4,9 @@
 # request, each 10 s. With ORVEL=path/to/orvel the app itself (which logs three lines a request,
 # to standard error here, kept in a file) is measured too, on its fixed port 127.0.0.1:8505 under
 # the tests' lock of that port. Prints each figure and our ratio to nginx (machines are shared
-# and noisy: compare only within one run; CPU per request is the steadier figure).
+# and noisy: compare only within one run; CPU per request is the steadier figure). Our listener
+# defers the accept until the request is in; the last lines (close-defer) compare the close case
+# with nginx doing the same ("listen ... deferred"), the first ones with nginx as it comes.
 # OWN_NETWORK=1 runs it all in a network namespace of its own (root and unshare), where port
 # 8505 is ours whoever else holds it. Usage: bench/http.sh [path to version_server]
 # (default: build/version_server).
@@ -30,6 +32,7 @@ our_pid=$!
 pids+=("$our_pid")
 
 theirs=$(free_port)
+deferred=$(free_port)
 mkdir -p "$work/nginx/logs" "$work/nginx/tmp"
 cat >"$work/nginx/nginx.conf" <<CONF
 worker_processes 1;
@@ -46,6 +49,12 @@ http {
     scgi_temp_path $work/nginx/tmp;
     server {
         listen 127.0.0.1:$theirs;
+        location = /version { add_header Access-Control-Allow-Origin *; return 200 "412"; }
+        location / { return 404; }
+    }
+    # Accepts as our server does, once the request is in (TCP_DEFER_ACCEPT).
+    server {
+        listen 127.0.0.1:$deferred deferred;
         location = /version { add_header Access-Control-Allow-Origin *; return 200 "412"; }
         location / { return 404; }
     }
@@ -69,6 +78,7 @@ fi
 
 wait_for "$ours"
 wait_for "$theirs"
+wait_for "$deferred"
 
 cpu_ticks() {  # user and system time of a process and its children (nginx's worker), in ticks
     local pid total=0
@@ -103,7 +113,13 @@ report() {  # mode, name, our figures, nginx's figures
 echo "wrk -t2 -c$connections -d$duration, $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg); ratio = ours / nginx"
 for mode in keep-alive close; do
     nginx=$(measure "$theirs" "$mode" "$nginx_pid")
-    report "$mode" version_server "$(measure "$ours" "$mode" "$our_pid")" "$nginx"
-    [ -z "$app_pid" ] || report "$mode" orvel "$(measure 8505 "$mode" "$app_pid")" "$nginx"
+    ours_figures=$(measure "$ours" "$mode" "$our_pid")
+    report "$mode" version_server "$ours_figures" "$nginx"
+    [ -z "$app_pid" ] || app_figures=$(measure 8505 "$mode" "$app_pid")
+    [ -z "$app_pid" ] || report "$mode" orvel "$app_figures" "$nginx"
 done
+# The same comparison for one connection per request with nginx accepting as we do.
+nginx=$(measure "$deferred" close "$nginx_pid")
+report close-defer version_server "$ours_figures" "$nginx"
+[ -z "$app_pid" ] || report close-defer orvel "$app_figures" "$nginx"
 [ -z "$app_pid" ] || echo "orvel logged $(wc -l <"$work/orvel.log") lines"
