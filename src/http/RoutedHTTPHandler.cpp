@@ -46,6 +46,8 @@ async::Task<HTTPResponse> RoutedHTTPHandler::handleRequest(HTTPRequest request) 
                 co_return co_await matchedRoute.withValue(std::make_shared<const HTTPRoute>(route),
                                                           entry.handler->handleRequest(request));
             }
+            // The last pair cannot pass the request on: it gets it without a copy.
+            if (&entry == &entries->back()) co_return co_await entry.handler->handleRequest(std::move(request));
             co_return co_await entry.handler->handleRequest(request);
         } catch (const HTTPUnhandledError&) {
             // declined: the next matching pair gets the request
