@@ -114,15 +114,9 @@ void HTTPHeaders::setValues(std::span<const std::string_view> values, std::strin
 }
 
 void HTTPHeaders::addValue(std::string_view value, std::string_view name) {
-    std::string joined;
-    if (auto old = this->value(name)) {
-        detail::forEachNonEmptyPiece(*old, ',', [&](std::string_view piece) {
-            joined += detail::trimBlanks(piece);
-            joined += ", ";
-        });
-    }
-    joined += value;
-    set(name, joined);
+    auto pieces = values(name);
+    pieces.push_back(value);
+    setValues(pieces, name);  // joins into a string of its own before it stores
 }
 
 bool operator==(const HTTPHeaders& a, const HTTPHeaders& b) noexcept {
