@@ -9,7 +9,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <ranges>
 
 namespace orvel {
@@ -45,7 +44,6 @@ protected:
         while (auto message = co_await outgoing.next()) result.push_back(std::move(*message));
         co_return result;
     }
-    static std::size_t drainOne(async::AsyncStream<WSMessage>& outgoing) { return async::syncWait(nextSize(&outgoing)); }
     static async::Task<std::size_t> nextSize(async::AsyncStream<WSMessage>* outgoing) {
         auto message = co_await outgoing->next();
         co_return message ? message->bytes().size() : 0;
@@ -161,7 +159,7 @@ TEST_F(StreamAudio, LaterMessagesAreReadAndDroppedAndAConnectionThatGoesAwayEnds
     auto reading = async::spawn(readOut(in));
     EXPECT_TRUE(test::waitUntil([&] { return reading.isFinished(); })) << "later messages stay unread";
     fake_->feed->yield(bytes(9600 + 50));
-    EXPECT_EQ(drainOne(outgoing), 9600u) << "the stream goes on";
+    EXPECT_EQ(async::syncWait(nextSize(&outgoing)), 9600u) << "the stream goes on";
     EXPECT_EQ(currentStreamCount().value(), 1);
     { auto gone = std::move(outgoing); }
     EXPECT_TRUE(test::waitUntil([&] { return fake_->terminated->load() && currentStreamCount().value() == 0; }));

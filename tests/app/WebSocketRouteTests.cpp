@@ -35,15 +35,6 @@ TEST(OriginTest, AdmitsLocalPagesWithAnyShortPortAndOurOwnSitesOnly) {
         EXPECT_FALSE(isAllowedOrigin(origin)) << origin;
 }
 
-class NoMessages final : public http::WSMessageHandler {
-public:
-    async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage>) override {
-        auto [stream, continuation] = async::AsyncStream<http::WSMessage>::make();
-        continuation.finish();
-        co_return std::move(stream);
-    }
-};
-
 // A loopback connection as the server sees it, its far end opened by the user `uid`: this
 // process, or a child that drops to that user before connecting (the socket belongs to whoever
 // creates it) and holds on until the end.
@@ -121,7 +112,8 @@ TEST(WebSocketRoute, AForeignUserOrAMissingOrForeignOriginIsABareForbidden) {
         if (!request) continue;
         SCOPED_TRACE(line);
         auto logger = std::make_shared<test::RecordingLogger>();
-        auto response = async::syncWait(handleWebSocketRoute(*request, std::make_shared<NoMessages>(), logger));
+        auto messages = std::make_shared<OrvelMessageHandler>(test::startingWith(std::make_shared<test::FakeCapture>()), logger);
+        auto response = async::syncWait(handleWebSocketRoute(*request, messages, logger));
         if (line.empty()) {
             EXPECT_EQ(response.statusCode, http::HTTPStatusCode::switchingProtocols);
             EXPECT_THAT(logger->lines(), ::testing::IsEmpty());
