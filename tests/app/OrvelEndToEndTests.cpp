@@ -264,11 +264,16 @@ TEST_F(OrvelEndToEnd, TheTrayShowsNameVersionAndStreamingPagesAndQuitTerminates)
     EXPECT_THAT(orvel->output(), AllOf(Not(HasSubstr("running headless")), Not(HasSubstr("No tray host"))));
 }
 
-// What the desktop does to the sound server while a page streams: the default output switched
-// to another sink, the server killed and started again after 2 s, then killed for good. That the
-// capture follows and fills the gap, on PulseAudio and on PipeWire, is the capture's own test.
-TEST_F(OrvelEndToEnd, StreamsOnThroughASwitchAndARestartAndEndsOnlyWhenTheServerStaysAway) {
-    test::SoundServer server;
+// What the desktop does to the sound server while a page streams, on PulseAudio and PipeWire: the
+// default output switched to another sink, the server killed and started again after 2 s, then
+// killed for good. That the capture follows and fills the gap is the capture's own test.
+class OrvelThroughDesktopChanges : public OrvelEndToEnd, public ::testing::WithParamInterface<test::SoundServer::Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Servers, OrvelThroughDesktopChanges, ::testing::ValuesIn(test::soundServerKinds),
+                         test::soundServerName<::testing::TestParamInfo<test::SoundServer::Kind>>);
+
+TEST_P(OrvelThroughDesktopChanges, StreamsOnThroughASwitchAndARestartAndEndsOnlyWhenTheServerStaysAway) {
+    test::SoundServer server(GetParam());
     auto orvel = start({{"PULSE_SERVER", server.server()}});
     test::WebSocketClient page("http://localhost");
     page.sendText(R"({"type":"loopback","sample_rate":16000})");
