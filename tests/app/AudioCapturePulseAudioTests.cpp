@@ -22,14 +22,16 @@ using ::testing::HasSubstr;
 // Bytes a consumer task has received so far, for the test thread to wait on.
 struct Received {
     std::mutex mutex;
-    std::condition_variable changed;
     std::vector<std::uint8_t> bytes;
 
+    std::size_t samples() {
+        std::lock_guard lock(mutex);
+        return bytes.size() / 2;
+    }
     // Waits until `more` samples beyond those there now have arrived; the guard only stops a hang.
     bool waitForMore(std::size_t more) {
-        std::unique_lock lock(mutex);
-        const std::size_t wanted = bytes.size() / 2 + more;
-        return changed.wait_for(lock, 30s, [&] { return bytes.size() / 2 >= wanted; });
+        const std::size_t wanted = samples() + more;
+        return test::waitUntil([&] { return samples() >= wanted; }, 30s);
     }
 };
 
@@ -37,7 +39,6 @@ async::Task<void> collect(AudioCaptureStream stream, std::shared_ptr<Received> r
     while (auto element = co_await stream.next()) {
         std::lock_guard lock(received->mutex);
         received->bytes.insert(received->bytes.end(), element->begin(), element->end());
-        received->changed.notify_all();
     }
 }
 

@@ -142,15 +142,6 @@ TEST_F(AudioCaptureSession, APageJoiningWhileTheServerSendsNothingMissesAtMostAC
     EXPECT_EQ(test::samplesOf(*test::next(late)), runs({{1600, 8192}}));
 }
 
-// The error that ended a byte stream, as its description (which names its type).
-std::string endingError(AudioCaptureStream& stream) {
-    try {
-        return test::next(stream) ? "an element" : "the end";
-    } catch (const async::Error& error) {
-        return error.description();
-    }
-}
-
 // Whatever ends a shared capture (a platform failure or a buffer it cannot convert) ends every
 // page at its rate with that error, and only those.
 TEST_F(AudioCaptureSession, ASharedCaptureFailureReachesEveryPageAtItsRate) {
@@ -168,7 +159,7 @@ TEST_F(AudioCaptureSession, ASharedCaptureFailureReachesEveryPageAtItsRate) {
         AudioCaptureStream pages[] = {async::syncWait(hub.start(48000)), async::syncWait(hub.start(48000))};
         auto other = async::syncWait(hub.start(16000));
         fail(stream(made));
-        for (auto& page : pages) EXPECT_EQ(endingError(page), error);
+        for (auto& page : pages) EXPECT_EQ(test::endingError(page), error);
         EXPECT_EQ(stream(made).stops, 1);
         const auto lines = logger->lines();
         EXPECT_EQ(std::count(lines.begin(), lines.end(), "info: Stopped audio capture."), 2) << "each failed page left";

@@ -3,10 +3,12 @@
 // deliver buffers when the test says so.
 
 #include "app/AudioCapture.h"
+#include "app/OrvelMessageHandler.h"
 #include "async/Spawn.h"
 #include "http/HTTPTestSupport.h"
 #include "platform/CaptureStream.h"
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -81,6 +83,41 @@ inline async::Task<std::optional<AudioCaptureDelegate::Bytes>> nextOf(AudioCaptu
 
 // The next element of the byte stream, waiting on this (non-pool) thread.
 inline std::optional<AudioCaptureDelegate::Bytes> next(AudioCaptureStream& stream) { return async::syncWait(nextOf(&stream)); }
+
+// The error that ended a byte stream, as its description (which names its type and payload).
+inline std::string endingError(AudioCaptureStream& stream) {
+    try {
+        return next(stream) ? "an element" : "the end";
+    } catch (const async::Error& error) {
+        return error.description();
+    }
+}
+
+// A capture the test feeds by hand: the stream is handed to the first start, the feed stays here.
+struct FakeCapture {
+    std::optional<AudioCaptureStream> stream;
+    std::optional<AudioCaptureStream::Continuation> feed;
+    std::exception_ptr startError;
+    std::vector<std::int64_t> startedRates;
+    std::shared_ptr<std::atomic<bool>> terminated = std::make_shared<std::atomic<bool>>(false);
+
+    explicit FakeCapture(std::size_t (*weigh)(const AudioCaptureDelegate::Bytes&) = nullptr) {
+        auto [bytes, continuation] = AudioCaptureStream::make(weigh);
+        continuation.onTermination([ended = terminated](async::Termination) { *ended = true; });
+        stream.emplace(std::move(bytes));
+        feed.emplace(continuation);
+    }
+};
+
+inline async::Task<AudioCaptureStream> fakeStart(std::shared_ptr<FakeCapture> fake, std::int64_t rate) {
+    fake->startedRates.push_back(rate);
+    if (fake->startError) std::rethrow_exception(fake->startError);
+    co_return std::move(*fake->stream);
+}
+
+inline CaptureStart startingWith(std::shared_ptr<FakeCapture> fake) {
+    return [fake](std::int64_t rate) { return fakeStart(fake, rate); };
+}
 
 inline std::vector<std::int16_t> samplesOf(const AudioCaptureDelegate::Bytes& bytes) {
     std::vector<std::int16_t> samples(bytes.size() / 2);

@@ -45,20 +45,11 @@ inline Fd connectTo(std::uint16_t port) {
     return ::connect(socket.get(), net::addressPointer(address), sizeof address) == 0 ? std::move(socket) : Fd();
 }
 
-struct HTTPAnswer {
-    std::string statusLine;
-    std::string head;  // header lines, each ending in \r\n
-    std::string body;
-};
-
-// Sends one request and reads its answer.
-inline HTTPAnswer httpExchange(const std::string& request) {
+// Sends one request and returns the whole answer.
+inline std::string httpExchange(const std::string& request) {
     http::LoopbackClient client(orvelPort);
     client.send(request);
-    const std::string response = client.response();
-    const auto lineEnd = response.find("\r\n"), headEnd = response.find("\r\n\r\n");
-    if (headEnd == std::string::npos) return {response, "", ""};
-    return {response.substr(0, lineEnd), response.substr(lineEnd + 2, headEnd - lineEnd), response.substr(headEnd + 4)};
+    return client.response();
 }
 
 // A page's side of one WebSocket: handshake, masked text out, whole messages in.
@@ -120,8 +111,6 @@ public:
     bool waitUntilServing() {
         return waitUntil([&] { return waitForExit(0s) || connectTo(orvelPort); }, 30s) && !waitForExit(0s);
     }
-
-    bool waitForLine(const std::string& text) { return waitForLineContaining(text, 30s).has_value(); }
 
     // SIGTERM takes the quit path; the exit code, or -1 if it did not end within the guard.
     int terminate() {

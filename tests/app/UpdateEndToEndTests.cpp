@@ -114,7 +114,8 @@ protected:
     }
 
     static std::string servedVersion() {
-        return test::httpExchange("GET /version HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n").body;
+        const auto answer = test::httpExchange("GET /version HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+        return answer.substr(std::min(answer.size(), answer.find("\r\n\r\n") + 4));
     }
 
     // Each line in turn, later than the one before.
@@ -125,32 +126,24 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
-    // The relaunch's lines in order (after those already read), then 1.0.1 serving.
-    static ::testing::AssertionResult relaunchedInto101(test::OrvelProcess& orvel) {
-        auto relaunched = logsInOrder(orvel, {"SPUUpdater, installing update: 1.0.1",
-                                              "SPUUpdater, shouldPostponeRelaunchForUpdate: 1.0.1. Responding false",
-                                              "SPUUpdater, updaterShouldRelaunchApplication. Responding true",
-                                              "SPUUpdater, willInstallUpdate: 1.0.1",
-                                              "SPUUpdater, updaterWillRelaunchApplication",
-                                              "SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 1, with error: No error",
-                                              "Application will terminate, shutting down WebSocket server.",
-                                              "Application launched."});
-        if (!relaunched) return relaunched;
-        if (!orvel.waitUntilServing() || servedVersion() != "1.0.1-a")
-            return ::testing::AssertionFailure() << "1.0.1 is not serving: " << servedVersion() << "\n" << orvel.output();
-        return ::testing::AssertionSuccess();
-    }
-
     std::optional<test::PortLock> lock_;
     test::TemporaryFolder home_;
 };
 
 
-TEST_F(UpdateEndToEnd, AnIdleInstallUpdatesAndRelaunchesItselfIntoTheNewRelease) {
+// The update is found, fetched and unpacked while a page streams; the relaunch waits for the
+// stream to end, then the check resumes and 1.0.1 takes over.
+TEST_F(UpdateEndToEnd, AnInstallUpdatesItselfAndRelaunchesIntoTheNewReleaseOnceNoPageStreams) {
+    test::PulseAudioServer pulse;
     release(release101);
     auto server = serve();
-    auto orvel = start();
+    auto orvel = start({{"PULSE_SERVER", pulse.server()}});
     EXPECT_EQ(servedVersion(), "1.0.0-a");
+    test::WebSocketClient page("http://localhost");
+    page.sendText(R"({"type": "loopback", "sample_rate": 16000})");
+    ASSERT_TRUE(page.receive()) << orvel->output();
+    const std::vector<std::string> install{"SPUUpdater, installing update: 1.0.1",
+                                           "SPUUpdater, shouldPostponeRelaunchForUpdate: 1.0.1. Responding false"};
     ASSERT_TRUE(logsInOrder(*orvel, {"SPUUpdater, willScheduleUpdateCheckAfterDelay: 2.000000 seconds",  // the test builds' delay,
                                      "SPUUpdater, mayPerformUpdateCheck of type: 1. Responding true",
                                      "SPUUpdater, didFinishLoading: Appcast with 1 item: 1.0.1",
@@ -160,34 +153,33 @@ TEST_F(UpdateEndToEnd, AnIdleInstallUpdatesAndRelaunchesItselfIntoTheNewRelease)
                                      "SPUUpdater, willDownloadUpdate: 1.0.1",
                                      "SPUUpdater, didDownloadUpdate: 1.0.1",
                                      "SPUUpdater, willExtractUpdate: 1.0.1",
-                                     "SPUUpdater, didExtractUpdate: 1.0.1"}));
-    ASSERT_TRUE(relaunchedInto101(*orvel));
+                                     "SPUUpdater, didExtractUpdate: 1.0.1", install[0], install[1]}));
+    auto answer = orvel->waitForLineContaining("SPUUpdater, updaterShouldRelaunchApplication. Responding", cycleGuard);
+    ASSERT_TRUE(answer) << orvel->output();
+    // A loaded machine may have dropped the page as too slow before the update was ready.
+    const bool held = answer->ends_with("false");
+    if (held) {
+        ASSERT_TRUE(logsInOrder(*orvel, {"SPUUpdater, Awaiting streaming end to apply",
+                                         "SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 1, with error: No error"}));
+        for (int message = 0; message < 5; ++message) ASSERT_TRUE(page.receive()) << "the stream was cut\n" << orvel->output();
+        EXPECT_EQ(fs::read_symlink(root() / "current"), "1.0.0");
+        EXPECT_EQ(orvel->output().find("resuming update"), std::string::npos) << "resumed while the page streams";
+        page.close();
+        ASSERT_TRUE(logsInOrder(*orvel, {"SPUUpdater, resuming update now that Orvel isn't streaming",
+                                         "SPUUpdater, didFindValidUpdate: 1.0.1", install[0], install[1]}));
+        answer = orvel->waitForLineContaining("SPUUpdater, updaterShouldRelaunchApplication. Responding", cycleGuard);
+    }
+    ASSERT_THAT(answer, ::testing::Optional(::testing::EndsWith("Responding true"))) << orvel->output();
+    ASSERT_TRUE(logsInOrder(*orvel, {"SPUUpdater, willInstallUpdate: 1.0.1", "SPUUpdater, updaterWillRelaunchApplication",
+                                     "SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 1, with error: No error",
+                                     "Application will terminate, shutting down WebSocket server.", "Application launched."}));
+    ASSERT_TRUE(orvel->waitUntilServing()) << orvel->output();
+    EXPECT_EQ(servedVersion(), "1.0.1-a");
     EXPECT_EQ(fs::read_symlink(root() / "current"), "1.0.1");
     // The login item starts the stable path, which now leads to 1.0.1.
     EXPECT_THAT(readFile(home_.path() / ".config/autostart/com.tamrix.orvel.desktop"),
                 HasSubstr((home_.path() / ".local/bin/orvel").string()));
-}
-
-TEST_F(UpdateEndToEnd, WhileAPageStreamsTheRelaunchWaitsForTheStreamToEnd) {
-    test::PulseAudioServer pulse;
-    release(release101);
-    auto server = serve();
-    auto orvel = start({{"PULSE_SERVER", pulse.server()}});
-    test::WebSocketClient page("http://localhost");
-    page.sendText(R"({"type": "loopback", "sample_rate": 16000})");
-    ASSERT_TRUE(page.receive()) << orvel->output();
-    const auto answer = orvel->waitForLineContaining("updaterShouldRelaunchApplication. Responding", cycleGuard);
-    ASSERT_TRUE(answer) << orvel->output();
-    if (answer->find("true") != std::string::npos) GTEST_SKIP() << "the first check came before the stream started";
-    ASSERT_TRUE(logsInOrder(*orvel, {"SPUUpdater, Awaiting streaming end to apply",
-                                     "SPUUpdater, didFinishUpdateCycle forUpdateCheckType: 1, with error: No error"}));
-    for (int message = 0; message < 5; ++message) ASSERT_TRUE(page.receive()) << "the stream was cut\n" << orvel->output();
-    EXPECT_EQ(fs::read_symlink(root() / "current"), "1.0.0");
-    EXPECT_EQ(orvel->output().find("resuming update"), std::string::npos) << "resumed while the page streams";
-    page.close();
-    ASSERT_TRUE(logsInOrder(*orvel, {"SPUUpdater, resuming update now that Orvel isn't streaming",
-                                     "SPUUpdater, didFindValidUpdate: 1.0.1"}));
-    ASSERT_TRUE(relaunchedInto101(*orvel));
+    if (!held) GTEST_SKIP() << "the page was gone before the update was ready: the relaunch was not held back";
 }
 
 TEST_F(UpdateEndToEnd, AFailedUpdateChangesNothingOnDiskAndIsLogged) {

@@ -69,12 +69,16 @@ const std::string allowed = "SPUUpdater, updaterShouldRelaunchApplication. Respo
 const std::string awaiting = "SPUUpdater, Awaiting streaming end to apply";
 const std::string resuming = "SPUUpdater, resuming update now that Orvel isn't streaming";
 
+// Launch makes and starts the updater, and subscribes to the stream count, only with the update key.
 TEST(UpdatePolicy, RefusesToRelaunchWhileStreamingAndResumesOnceWhenTheLastStreamEnds) {
-    // '+' a stream starts, '-' one ends, 'a' the updater asks whether to relaunch.
+    // '+' a stream starts, '-' one ends, 'a' the updater asks whether to relaunch, 't' the application terminates.
     const struct {
         std::string name, script;
         std::vector<std::string> lines;
         int checks;
+        bool automaticUpdates = true;
+        std::optional<std::string> startError = std::nullopt;
+        int made = 1;
     } cases[] = {
         {"one stream", "+a-", {refused, awaiting, resuming}, 1},
         {"no stream, then one that ends", "a+-", {allowed}, 0},
@@ -82,44 +86,22 @@ TEST(UpdatePolicy, RefusesToRelaunchWhileStreamingAndResumesOnceWhenTheLastStrea
         {"two streams ending one by one, both", "++a--", {refused, awaiting, resuming}, 1},
         {"two refusals, one resumption", "+aa-", {refused, awaiting, refused, awaiting, resuming}, 1},
         {"count reaching 0 with nothing pending", "+-+-", {}, 0},
-    };
-    for (const auto& c : cases) {
-        PolicyHarness harness;
-        std::vector<bool> answers;
-        for (char step : c.script) {
-            if (step == '+') harness.count.increment();
-            if (step == '-') harness.count.decrement();
-            if (step == 'a') answers.push_back(harness.delegate->updaterShouldRelaunchApplication());
-        }
-        EXPECT_THAT(harness.takeLines(), ElementsAreArray(c.lines)) << c.name;
-        EXPECT_EQ(harness.checks, c.checks) << c.name;
-    }
-}
-
-TEST(UpdatePolicy, LaunchMakesAndStartsTheUpdaterAndSubscribesOnlyWithTheUpdateKey) {
-    const struct {
-        std::string name;
-        bool automaticUpdates;
-        std::optional<std::string> startError;
-        bool terminate;
-        std::vector<std::string> lines;  // after a refusal and the stream's end
-        int made, checks;
-    } cases[] = {
-        {"started", true, std::nullopt, false, {refused, awaiting, resuming}, 1, 1},
-        {"start failed: logged, still subscribed", true, "No feed.", false,
-         {"Error while starting updater: No feed.", refused, awaiting, resuming}, 1, 1},
-        {"terminated: no longer subscribed", true, std::nullopt, true, {refused, awaiting}, 1, 0},
-        {"no update key: nothing", false, std::nullopt, false, {refused, awaiting}, 0, 0},
+        {"start failed: logged, still subscribed", "+a-", {"Error while starting updater: No feed.", refused, awaiting, resuming},
+         1, true, "No feed."},
+        {"terminated: no longer subscribed", "t+a-", {refused, awaiting}, 0},
+        {"no update key: nothing", "+a-", {refused, awaiting}, 0, false, std::nullopt, 0},
     };
     for (const auto& c : cases) {
         PolicyHarness harness(c.automaticUpdates, c.startError);
-        if (c.terminate) harness.delegate->applicationWillTerminate();
-        harness.count.increment();
-        harness.delegate->updaterShouldRelaunchApplication();
-        harness.count.decrement();
+        for (char step : c.script) {
+            if (step == '+') harness.count.increment();
+            if (step == '-') harness.count.decrement();
+            if (step == 'a') harness.delegate->updaterShouldRelaunchApplication();
+            if (step == 't') harness.delegate->applicationWillTerminate();
+        }
         EXPECT_THAT(harness.takeLines(), ElementsAreArray(c.lines)) << c.name;
-        EXPECT_EQ(harness.made, c.made) << c.name;
         EXPECT_EQ(harness.checks, c.checks) << c.name;
+        EXPECT_EQ(harness.made, c.made) << c.name;
     }
 }
 

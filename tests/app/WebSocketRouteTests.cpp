@@ -16,7 +16,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <fstream>
 #include <optional>
 
@@ -35,15 +34,6 @@ TEST(OriginTest, AdmitsLocalPagesWithAnyShortPortAndOurOwnSitesOnly) {
                                "https://app.TAMRIX.com", "http://evil.example/.tamrix.co"})
         EXPECT_FALSE(isAllowedOrigin(origin)) << origin;
 }
-
-class NoMessages final : public http::WSMessageHandler {
-public:
-    async::Task<async::AsyncStream<http::WSMessage>> makeMessages(async::AsyncStream<http::WSMessage>) override {
-        auto [stream, continuation] = async::AsyncStream<http::WSMessage>::make();
-        continuation.finish();
-        co_return std::move(stream);
-    }
-};
 
 // A loopback connection as the server sees it, its far end opened by the user `uid`: this
 // process, or a child that drops to that user before connecting (the socket belongs to whoever
@@ -122,7 +112,8 @@ TEST(WebSocketRoute, AForeignUserOrAMissingOrForeignOriginIsABareForbidden) {
         if (!request) continue;
         SCOPED_TRACE(line);
         auto logger = std::make_shared<test::RecordingLogger>();
-        auto response = async::syncWait(handleWebSocketRoute(*request, std::make_shared<NoMessages>(), logger));
+        auto messages = std::make_shared<OrvelMessageHandler>(test::startingWith(std::make_shared<test::FakeCapture>()), logger);
+        auto response = async::syncWait(handleWebSocketRoute(*request, messages, logger));
         if (line.empty()) {
             EXPECT_EQ(response.statusCode, http::HTTPStatusCode::switchingProtocols);
             EXPECT_THAT(logger->lines(), ::testing::IsEmpty());
@@ -137,10 +128,6 @@ TEST(WebSocketRoute, AForeignUserOrAMissingOrForeignOriginIsABareForbidden) {
     if (!other) GTEST_SKIP() << "not root: no connection of another user to refuse";
 }
 
-async::Task<AudioCaptureStream> handOver(std::shared_ptr<std::optional<AudioCaptureStream>> stream, std::int64_t) {
-    co_return std::move(**stream);
-}
-
 std::size_t residentBytes() {
     std::ifstream statm("/proc/self/statm");
     std::size_t pages = 0, resident = 0;
@@ -150,12 +137,10 @@ std::size_t residentBytes() {
 
 TEST(WebSocketRoute, APageThatStopsReadingIsDroppedOnceTenSecondsOfItsAudioAreUnsent) {
     constexpr std::size_t rate = 384000, budget = rate * 2 * 10;
-    auto [capture, feed] = AudioCaptureStream::make([](const AudioCaptureDelegate::Bytes& b) { return b.size(); });
-    auto captureEnded = std::make_shared<std::atomic<bool>>(false);
-    feed.onTermination([captureEnded](async::Termination) { *captureEnded = true; });
-    auto stream = std::make_shared<std::optional<AudioCaptureStream>>(std::move(capture));
+    auto fake = std::make_shared<test::FakeCapture>([](const AudioCaptureDelegate::Bytes& b) { return b.size(); });
+    auto& feed = *fake->feed;
     auto logger = std::make_shared<http::RecordingLogger>();
-    auto messages = std::make_shared<OrvelMessageHandler>([stream](std::int64_t r) { return handOver(stream, r); }, logger);
+    auto messages = std::make_shared<OrvelMessageHandler>(test::startingWith(fake), logger);
     http::HTTPServer server(net::AnySocketAddress(net::inet("127.0.0.1", 0)), 15, http::HTTPServer::defaultPool(logger),
                             logger, std::make_shared<http::ClosureHTTPHandler>([messages, logger](http::HTTPRequest request) {
                                 return handleWebSocketRoute(std::move(request), messages, logger);  // the app's catch-all route
@@ -174,7 +159,7 @@ TEST(WebSocketRoute, APageThatStopsReadingIsDroppedOnceTenSecondsOfItsAudioAreUn
     // nothing; at most 40 s of it.
     const std::size_t before = residentBytes();
     std::size_t peak = before;
-    for (int piece = 0; piece < 400 && !captureEnded->load(); ++piece) {
+    for (int piece = 0; piece < 400 && !fake->terminated->load(); ++piece) {
         feed.yield(AudioCaptureDelegate::Bytes(rate / 10 * 2, 0x5A));
         async::syncWait(feed.waitUntilBufferedAtMost(0));
         peak = std::max(peak, residentBytes());
@@ -188,7 +173,7 @@ TEST(WebSocketRoute, APageThatStopsReadingIsDroppedOnceTenSecondsOfItsAudioAreUn
     ASSERT_FALSE(frames.empty());
     EXPECT_EQ(frames.back(), http::WSFrame::close(1008, "Client too slow"));
     for (std::size_t i = 0; i + 1 < frames.size(); ++i) EXPECT_NE(frames[i].opcode, http::WSFrame::Opcode::close);
-    EXPECT_TRUE(test::waitUntil([&] { return captureEnded->load() && currentStreamCount().value() == 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return fake->terminated->load() && currentStreamCount().value() == 0; }));
     async::syncWait(server.stop(5));
     running.wait();
 }

@@ -150,7 +150,7 @@ public:
         }
     }
 
-    std::optional<std::string> waitForLineContaining(const std::string& text, Clock::duration timeout) {
+    std::optional<std::string> waitForLineContaining(const std::string& text, Clock::duration timeout = 30s) {
         return waitForLine([&](const std::string& line) { return line.find(text) != std::string::npos; }, timeout);
     }
 
