@@ -156,10 +156,10 @@ TEST(WebSocketRoute, APageThatStopsReadingIsDroppedOnceTenSecondsOfItsAudioAreUn
     ASSERT_TRUE(test::waitUntil([&] { return currentStreamCount().value() == 1; }));
 
     // 100 ms of audio at a time, each taken by the stream before the next, while the page reads
-    // nothing; at most 40 s of it.
+    // nothing; at most 80 s of it (61 MB), eight times the budget.
     const std::size_t before = residentBytes();
     std::size_t peak = before;
-    for (int piece = 0; piece < 400 && !fake->terminated->load(); ++piece) {
+    for (int piece = 0; piece < 800 && !fake->terminated->load(); ++piece) {
         feed.yield(AudioCaptureDelegate::Bytes(rate / 10 * 2, 0x5A));
         async::syncWait(feed.waitUntilBufferedAtMost(0));
         peak = std::max(peak, residentBytes());
@@ -167,7 +167,9 @@ TEST(WebSocketRoute, APageThatStopsReadingIsDroppedOnceTenSecondsOfItsAudioAreUn
     EXPECT_EQ(logger->waitFor("too slow"), "warning: <127.0.0.1> WebSocket client too slow: more than " +
                                                std::to_string(budget) + " bytes not sent, closing the connection");
 #ifndef __SANITIZE_ADDRESS__  // its quarantine keeps freed memory resident
-    EXPECT_LT(peak - before, budget + 6 * 1024 * 1024) << "resident growth while the page did not read";
+    // The budget's worth queued, the pieces on their way, and what two threads' allocators keep
+    // (on a loaded machine up to 14 MB in all were seen); without the budget it is all 61 MB.
+    EXPECT_LT(peak - before, 3 * budget) << "resident growth while the page did not read";
 #endif
     auto frames = page.readUntilClosed();
     ASSERT_FALSE(frames.empty());
