@@ -8,7 +8,8 @@
 # defers the accept until the request is in; the last lines (close-defer) compare the close case
 # with nginx doing the same ("listen ... deferred"), the first ones with nginx as it comes.
 # OWN_NETWORK=1 runs it all in a network namespace of its own (root and unshare), where port
-# 8505 is ours whoever else holds it. Usage: bench/http.sh [path to version_server]
+# 8505 is ours whoever else holds it. THREADS=1 runs wrk with one thread instead of two (then
+# wrk leaves a core to the server). Usage: bench/http.sh [path to version_server]
 # (default: build/version_server).
 set -euo pipefail
 if [ -n "${OWN_NETWORK:-}" ] && [ -z "${HTTP_BENCH_NETNS:-}" ]; then
@@ -19,6 +20,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 server=${1:-$here/build/version_server}
 duration=${DURATION:-10s}
 connections=${CONNECTIONS:-64}
+threads=${THREADS:-2}
 [ -x "$server" ] || { echo "http.sh: no version_server at $server (build it first)" >&2; exit 1; }
 
 . "$here/bench/tools/scratch.sh"
@@ -92,7 +94,7 @@ cpu_ticks() {  # user and system time of a process and its children (nginx's wor
 measure() {  # port, connection header, server pid
     local before after
     before=$(cpu_ticks "$3")
-    wrk -t2 -c"$connections" -d"$duration" --latency -H "Connection: $2" "http://127.0.0.1:$1/version" >"$work/wrk.txt"
+    wrk -t"$threads" -c"$connections" -d"$duration" --latency -H "Connection: $2" "http://127.0.0.1:$1/version" >"$work/wrk.txt"
     after=$(cpu_ticks "$3")
     local rps p99 requests
     rps=$(awk '/^Requests\/sec:/ {print $2}' "$work/wrk.txt")
@@ -110,7 +112,7 @@ report() {  # mode, name, our figures, nginx's figures
         "$(echo "$our_rps / $their_rps" | bc -l)" "$(echo "$our_p99 / $their_p99" | bc -l)" "$(echo "$our_cpu / $their_cpu" | bc -l)"
 }
 
-echo "wrk -t2 -c$connections -d$duration, $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg); ratio = ours / nginx"
+echo "wrk -t$threads -c$connections -d$duration, $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg); ratio = ours / nginx"
 for mode in keep-alive close; do
     nginx=$(measure "$theirs" "$mode" "$nginx_pid")
     ours_figures=$(measure "$ours" "$mode" "$our_pid")
