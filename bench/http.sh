@@ -51,11 +51,7 @@ http {
     scgi_temp_path $work/nginx/tmp;
     server {
         listen 127.0.0.1:$theirs;
-        location = /version { add_header Access-Control-Allow-Origin *; return 200 "412"; }
-        location / { return 404; }
-    }
-    # Accepts as our server does, once the request is in (TCP_DEFER_ACCEPT).
-    server {
+        # Accepts as our server does, once the request is in (TCP_DEFER_ACCEPT).
         listen 127.0.0.1:$deferred deferred;
         location = /version { add_header Access-Control-Allow-Origin *; return 200 "412"; }
         location / { return 404; }
