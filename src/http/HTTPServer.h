@@ -35,7 +35,8 @@ public:
         std::int64_t sharedRequestReplaySize = HTTPDecoder::defaultSharedRequestReplaySize;
         std::shared_ptr<net::AsyncSocketPool> pool;
         net::Logger logger;
-        // Beyond this many open connections a new one is closed at once.
+        // Beyond this many open connections a new one is closed at once. (A TCP listener takes a
+        // connection once its first bytes are in, or a second after it opened if none came.)
         std::size_t maxConnections = 4096;
         // Seconds a peer gets: for a complete request head (from connecting, or from the first
         // byte of a kept-alive connection's next request), for the first byte of that next

@@ -102,12 +102,14 @@ TEST_F(AudioCaptureDelegateTest, AnInvalidBufferIsLoggedAndSkippedWhateverItsTyp
     delegate_.didOutputSampleBuffer(invalid, StreamOutputType::audio);
     delegate_.didOutputSampleBuffer(floatBuffer({0.5f}), StreamOutputType::screen);  // valid screen: silent
     EXPECT_THAT(convert({0.5f}), ElementsAre(16384)) << "the capture goes on";
+    const auto logged = ElementsAre("error: Received invalid sample buffer, ignoring.",
+                                    "error: Received invalid sample buffer, ignoring.");
+    EXPECT_THAT(logger_->lines(), logged);
     delegate_.setContinuation(std::nullopt);
     delegate_.didOutputSampleBuffer(invalid, StreamOutputType::audio);
     delegate_.didOutputSampleBuffer(floatBuffer({0.0f}, 44100.0, 2), StreamOutputType::audio);
     delegate_.didStopWithError(std::make_exception_ptr(AudioCaptureError::cannotCreateConverter()));
-    EXPECT_THAT(logger_->lines(), ElementsAre("error: Received invalid sample buffer, ignoring.",
-                                              "error: Received invalid sample buffer, ignoring."));
+    EXPECT_THAT(logger_->lines(), logged) << "nothing more without a continuation";
 }
 
 TEST_F(AudioCaptureDelegateTest, StopWithErrorFinishesTheStreamAfterWhatWasYieldedAndLaterDoesNothing) {

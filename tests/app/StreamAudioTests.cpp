@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <ranges>
 
 namespace orvel {
@@ -148,18 +149,20 @@ async::Task<void> readOut(async::AsyncStream<WSMessage>::Continuation incoming) 
     co_await incoming.waitUntilBufferedAtMost(0);
 }
 
-// The stream ends when the connection goes away: the capture with it, the count down, and no
-// failure logged. The send budget is checked where the connection uses it (WebSocketRouteTests).
+// The connection may keep ten seconds of the page's audio unsent. The stream ends when the
+// connection goes away: the capture with it, the count down, and no failure logged.
 TEST_F(StreamAudio, LaterMessagesAreReadAndDroppedAndAConnectionThatGoesAwayEndsTheCapture) {
     auto [incoming, in] = async::AsyncStream<WSMessage>::make([](const WSMessage& m) { return m.bytes().size(); });
     in.yield(config48k);
     for (int i = 0; i < 3; ++i) in.yield(WSMessage::text(R"({"type": "loopback", "sample_rate": 8000})"));
     OrvelMessageHandler handler(startingWith(fake_), logger_);
-    auto outgoing = async::syncWait(handler.makeMessages(std::move(incoming)));
+    std::atomic<std::size_t> budget{0};
+    auto outgoing = async::syncWait(handler.makeMessages(std::move(incoming), [&](std::size_t bytes) { budget = bytes; }));
     auto reading = async::spawn(readOut(in));
     EXPECT_TRUE(test::waitUntil([&] { return reading.isFinished(); })) << "later messages stay unread";
     fake_->feed->yield(bytes(9600 + 50));
     EXPECT_EQ(async::syncWait(nextSize(&outgoing)), 9600u) << "the stream goes on";
+    EXPECT_EQ(budget.load(), 48000u * 2 * 10);
     EXPECT_EQ(currentStreamCount().value(), 1);
     { auto gone = std::move(outgoing); }
     EXPECT_TRUE(test::waitUntil([&] { return fake_->terminated->load() && currentStreamCount().value() == 0; }));
