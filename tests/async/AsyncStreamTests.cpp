@@ -1,4 +1,5 @@
 #include "async/Async.h"
+#include "e2e/Process.h"
 
 #include <gtest/gtest.h>
 
@@ -122,4 +123,36 @@ TEST(AsyncStreams, TerminationRunsExactlyOnceWhenFinishRacesCancellation) {
         finisher.join();
         EXPECT_EQ(ends.finished.load() + ends.cancelled.load(), 1);
     }
+}
+
+namespace {
+
+Task<void> yieldAndWaitForRoom(AsyncStream<int>::Continuation producer, int value, std::size_t limit) {
+    producer.yield(value);
+    co_await producer.waitUntilBufferedAtMost(limit);
+}
+
+Task<std::optional<int>> take(AsyncStream<int>* stream) { co_return co_await stream->next(); }
+
+}  // namespace
+
+// A producer held back by what the consumer has not taken goes on once it takes enough; one whose
+// task is cancelled stops waiting with the cancellation, and the stream carries on.
+TEST(AsyncStreams, AProducerWaitsForRoomUntilTheConsumerTakesEnoughOrItsTaskIsCancelled) {
+    auto [stream, continuation] = AsyncStream<int>::make([](const int&) { return std::size_t{1}; });
+    continuation.yield(1);
+    auto producer = spawn(yieldAndWaitForRoom(continuation, 2, 1));
+    std::this_thread::sleep_for(50ms);  // no assertion on time: only gives it the chance to return early
+    EXPECT_FALSE(producer.isFinished()) << "two buffered, at most one allowed";
+    EXPECT_EQ(syncWait(take(&stream)), 1);
+    ASSERT_TRUE(orvel::test::waitUntil([&] { return producer.isFinished(); }, 60s)) << "room was made";
+    producer.wait();
+
+    auto cancelled = spawn(yieldAndWaitForRoom(continuation, 3, 0));
+    std::this_thread::sleep_for(50ms);  // lets it park, so that the cancellation has to wake it
+    cancelled.cancel();
+    ASSERT_TRUE(orvel::test::waitUntil([&] { return cancelled.isFinished(); }, 60s)) << "the cancellation went unheard";
+    EXPECT_THROW(cancelled.wait(), CancellationError);
+    EXPECT_EQ(syncWait(take(&stream)), 2);
+    EXPECT_EQ(syncWait(take(&stream)), 3);
 }
