@@ -8,12 +8,13 @@ namespace orvel {
 
 using platform::StreamOutputType;
 
-SharedCapture::SharedCapture(std::int64_t sampleRate, net::Logger logger, std::function<Clock::time_point()> clock)
+SharedCapture::SharedCapture(std::int64_t sampleRate, net::Logger logger, Now clock)
     : delegate_(sampleRate, logger),  // refuses the rate before anything is made
       logger_(std::move(logger)),
       clock_(std::move(clock)),
       chunkBytes_(static_cast<std::size_t>(sampleRate / 10) * 2),
-      framesWanted_(chunkBytes_ / 2) {}
+      stepFrames_(std::max<std::uint64_t>(1, static_cast<std::uint64_t>(sampleRate) * handOnStep.count() / 1000)),
+      framesWanted_(chunkFrames()) {}
 
 SharedCapture::~SharedCapture() = default;
 
@@ -68,7 +69,7 @@ std::uint64_t SharedCapture::join(Output output) {
     if (first > 0) {
         const auto since = std::chrono::duration_cast<std::chrono::microseconds>(clock_() - shared_.lastBuffer).count();
         const auto frames = static_cast<std::uint64_t>(std::max<std::int64_t>(0, since) * sampleRate() / 1'000'000);
-        first += std::min<std::uint64_t>(frames, chunkBytes_ / 2);
+        first += std::min<std::uint64_t>(frames, chunkFrames());
     }
     Reader reader{++shared_.lastId, std::move(output), first, {}};
     reader.pending.reserve(chunkBytes_);
@@ -171,7 +172,7 @@ void SharedCapture::didOutputSampleBuffer(const platform::SampleBuffer& buffer, 
             due = std::min(due, dueFrame(reader));
             return false;
         });
-        framesWanted_.store(shared_.readers.empty() ? chunkBytes_ / 2 : handOnFrame(due) - shared_.frames,
+        framesWanted_.store(shared_.readers.empty() ? chunkFrames() : handOnFrame(due) - shared_.frames,
                             std::memory_order_relaxed);
     }
     for (auto& output : tooSlow) output.finish(std::make_exception_ptr(ReaderTooSlow()));
@@ -183,8 +184,7 @@ std::uint64_t SharedCapture::dueFrame(const Reader& reader) const noexcept {
 }
 
 std::uint64_t SharedCapture::handOnFrame(std::uint64_t due) const noexcept {
-    const std::uint64_t step = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(sampleRate()) * handOnStep.count() / 1000);
-    return (due + step - 1) / step * step;
+    return (due + stepFrames_ - 1) / stepFrames_ * stepFrames_;
 }
 
 void SharedCapture::didStopWithError(std::exception_ptr error) { end(std::move(error), true); }

@@ -44,8 +44,11 @@ public:
     // chunk waits at most this long.
     static constexpr std::chrono::milliseconds handOnStep{50};
 
+    using Clock = std::chrono::steady_clock;
+    using Now = std::function<Clock::time_point()>;
+
     // Throws AudioCaptureError::cannotCreateSourceFormat for a rate the delegate refuses.
-    SharedCapture(std::int64_t sampleRate, net::Logger logger, std::function<std::chrono::steady_clock::time_point()> clock);
+    SharedCapture(std::int64_t sampleRate, net::Logger logger, Now clock);
     ~SharedCapture() override;
 
     std::int64_t sampleRate() const noexcept { return delegate_.expectedSampleRate(); }
@@ -71,7 +74,6 @@ public:
 
 private:
     enum class Phase { starting, running, ended };
-    using Clock = std::chrono::steady_clock;
     struct Reader {
         std::uint64_t id;
         Output output;
@@ -94,6 +96,7 @@ private:
     // Chunks are handed on at the first step boundary at or after they are due: a fixed grid, so
     // a reader is served at the same point of every step, however the others are spread.
     std::uint64_t handOnFrame(std::uint64_t due) const noexcept;
+    std::size_t chunkFrames() const noexcept { return chunkBytes_ / 2; }
 
     // Ends the capture: waiters and readers get the error, the platform stream is released
     // (asked to stop first when it ran).
@@ -101,8 +104,9 @@ private:
 
     AudioCaptureDelegate delegate_;
     net::Logger logger_;
-    std::function<Clock::time_point()> clock_;
+    Now clock_;
     std::size_t chunkBytes_;
+    std::uint64_t stepFrames_;  // a hand-on step's worth
     std::atomic<std::size_t> framesWanted_;  // until the first due chunk; written under mutex_
     std::mutex mutex_;
     Shared shared_;

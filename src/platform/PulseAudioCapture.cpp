@@ -189,7 +189,9 @@ void PulseAudioCapture::Core::deliver() {
     for (;;) {
         const std::size_t have = pending.size() / channels;
         const std::size_t wanted = wantedFrames();
-        const std::size_t ready = (wanted > 0 ? (have >= wanted ? wanted : 0) : have / batchFrames() * batchFrames()) * channels;
+        std::size_t frames = have / batchFrames() * batchFrames();
+        if (wanted > 0) frames = have >= wanted ? wanted : 0;
+        const std::size_t ready = frames * channels;
         if (ready == 0 || stopRequested.load(std::memory_order_acquire)) return;
         const SampleBuffer buffer{true, AudioStreamDescription{static_cast<double>(configuration.sampleRate),
                                                                configuration.channelCount},

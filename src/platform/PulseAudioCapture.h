@@ -12,9 +12,10 @@ namespace orvel::platform {
 // capture records the monitor's two channels and averages them, so a centred signal keeps its
 // level whichever server mixes. Captures made by one PulseAudioCaptureService share one
 // connection and one libpulse thread, each with its own record stream; buffers and errors arrive
-// on that thread, when the outputs want them (StreamOutput::framesWanted) or else once per batch. The capture follows the default output
-// when it changes, and rides out a server that goes away for less than `reconnectWindow`: it
-// reconnects and fills the gap with silence of the gap's length. Pulse headers stay in the .cpp.
+// on that thread, when the outputs want them (StreamOutput::framesWanted) or else once per batch.
+// The capture follows the default output when it changes, and rides out a server that goes away
+// for less than `reconnectWindow`: it reconnects and fills the gap with silence of the gap's
+// length. Pulse headers stay in the .cpp.
 class PulseAudioCapture final : public CaptureStream {
 public:
     struct Options {
