@@ -74,23 +74,42 @@ ThreadPool& ThreadPool::shared() {
     return *pool;
 }
 
+namespace {
+// An edge-triggered registration of `fd` in `epoll`, marked `mark`.
+bool addEdgeTriggered(int epoll, int fd, std::uint64_t mark) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.u64 = mark;
+    return ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+void setTimer(int timer, long nanoseconds) noexcept {
+    itimerspec in{};
+    in.it_value.tv_nsec = nanoseconds;
+    ::timerfd_settime(timer, 0, &in, nullptr);
+}
+}  // namespace
+
 ThreadPool::ThreadPool(std::size_t threadCount) : ring_(64) {
     reactor_ = ::epoll_create1(EPOLL_CLOEXEC);
     wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     lateWake_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    if (reactor_ < 0 || wake_ < 0 || lateWake_ < 0)
-        throw std::system_error(errno, std::generic_category(), "thread pool reactor");
-    // Edge-triggered, and never read: each write is a new edge that wakes one sleeper, and the
-    // counter cannot fill up in the life of a process.
-    epoll_event event{};
-    event.events = EPOLLIN | EPOLLET;
-    event.data.u64 = wakeMark;
-    if (::epoll_ctl(reactor_, EPOLL_CTL_ADD, wake_, &event) != 0)
-        throw std::system_error(errno, std::generic_category(), "thread pool reactor");
-    // The same for the late wake: each expiry is an edge, the timerfd is never read.
-    event.data.u64 = lateWakeMark;
-    if (::epoll_ctl(reactor_, EPOLL_CTL_ADD, lateWake_, &event) != 0)
-        throw std::system_error(errno, std::generic_category(), "thread pool reactor");
+    standby_ = ::epoll_create1(EPOLL_CLOEXEC);
+    standbyWake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    standbyHelp_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    // The wakes are never read: each write is a new edge that wakes one sleeper, and the counter
+    // cannot fill up in the life of a process. The same for the late wake: each expiry is an
+    // edge. The standby's timer is read, to tell its expiry from an edge left over from before
+    // it was disarmed.
+    if (reactor_ < 0 || wake_ < 0 || lateWake_ < 0 || standby_ < 0 || standbyWake_ < 0 || standbyHelp_ < 0
+        || !addEdgeTriggered(reactor_, wake_, wakeMark) || !addEdgeTriggered(reactor_, lateWake_, lateWakeMark)
+        || !addEdgeTriggered(standby_, standbyWake_, wakeMark) || !addEdgeTriggered(standby_, standbyHelp_, lateWakeMark)) {
+        const int error = errno;
+        for (int fd : {reactor_, wake_, lateWake_, standby_, standbyWake_, standbyHelp_})
+            if (fd >= 0)
+                ::close(fd);
+        throw std::system_error(error, std::generic_category(), "thread pool reactor");
+    }
     threads_.reserve(threadCount);
     for (std::size_t i = 0; i < threadCount; ++i) {
         threads_.emplace_back([this, i] {
@@ -106,12 +125,13 @@ ThreadPool::~ThreadPool() {
         std::lock_guard lock(mutex_);
         stopping_ = true;
     }
-    wakeSleeper();  // each worker that leaves wakes the next
+    // Each worker that leaves wakes the next.
+    wake(wake_);
+    wake(standbyWake_);
     for (auto& thread : threads_)
         thread.join();
-    ::close(lateWake_);
-    ::close(wake_);
-    ::close(reactor_);
+    for (int fd : {reactor_, wake_, lateWake_, standby_, standbyWake_, standbyHelp_})
+        ::close(fd);
 }
 
 bool ThreadPool::isWorkerThread() const noexcept { return currentWorker_ && currentWorker_->pool == this; }
@@ -132,10 +152,7 @@ void ThreadPool::watch(int fd, EventSource& source) {
     source.id_ = nextSourceId_++;
     source.fd_ = fd;
     source.running_ = 0;
-    epoll_event event{};
-    event.events = EPOLLIN | EPOLLET;
-    event.data.u64 = source.id_;
-    if (::epoll_ctl(reactor_, EPOLL_CTL_ADD, fd, &event) != 0)
+    if (!addEdgeTriggered(reactor_, fd, source.id_))
         throw std::system_error(errno, std::generic_category(), "thread pool watch");
     sources_.emplace(source.id_, &source);
 }
@@ -150,53 +167,67 @@ void ThreadPool::unwatch(EventSource& source) noexcept {
 }
 
 void ThreadPool::postShared(Job job) {
-    bool wakeOne = false;
+    int wakeFd = -1;
     {
         std::lock_guard lock(mutex_);
         push(job);
         // A worker goes on with the jobs it queues itself unless one of them holds it up.
         if (isWorkerThread())
-            armLateWake();
+            armHelp();
         else
-            wakeOne = takeWakeTurn();
+            wakeFd = takeWakeTurn();
     }
-    if (wakeOne)
-        wakeSleeper();
+    if (wakeFd >= 0)
+        wake(wakeFd);
 }
 
-bool ThreadPool::sleeperWanted() const noexcept {
-    return count_ > 0 && sleepers_ > 0 && !wakePending_ && spinning_.load(std::memory_order_relaxed) == 0;
-}
-
-bool ThreadPool::takeWakeTurn() noexcept {
+int ThreadPool::takeWakeTurn() noexcept {
     // One wake in flight is enough: the worker it reaches takes everything queued by then. A
     // burst of posts (a batch of timers, a busy socket pool) would otherwise write once per job.
-    if (!sleeperWanted())
-        return false;
-    wakePending_ = true;
-    return true;
+    if (count_ == 0 || spinning_.load(std::memory_order_relaxed) != 0)
+        return -1;
+    if (watched_) {
+        if (wakePending_)
+            return -1;
+        wakePending_ = true;
+        return wake_;
+    }
+    if (standbys_ == 0 || standbyWakePending_)
+        return -1;
+    standbyWakePending_ = true;
+    return standbyWake_;
 }
 
-void ThreadPool::armLateWake() noexcept {
-    if (!sleeperWanted() || lateWakeArmed_)
+void ThreadPool::armHelp() noexcept {
+    // A spinner takes the queue, or the reactor when its spin ends.
+    if (spinning_.load(std::memory_order_relaxed) != 0)
         return;
-    lateWakeArmed_ = true;
-    itimerspec in{};
-    in.it_value.tv_nsec = lateWakeNanoseconds;
-    ::timerfd_settime(lateWake_, 0, &in, nullptr);
+    if (watched_) {
+        if (count_ == 0 || wakePending_ || lateWakeArmed_)
+            return;
+        lateWakeArmed_ = true;
+        setTimer(lateWake_, lateWakeNanoseconds);
+    } else if (standbys_ > 0 && !standbyHelpArmed_) {
+        standbyHelpArmed_ = true;
+        leavesWhenArmed_ = reactorLeaves_;
+        setTimer(standbyHelp_, lateWakeNanoseconds);
+    }
 }
 
-void ThreadPool::disarmLateWake() noexcept {
-    if (!lateWakeArmed_)
-        return;
-    lateWakeArmed_ = false;
-    const itimerspec off{};
-    ::timerfd_settime(lateWake_, 0, &off, nullptr);
+void ThreadPool::disarmHelp() noexcept {
+    if (lateWakeArmed_) {
+        lateWakeArmed_ = false;
+        setTimer(lateWake_, 0);
+    }
+    if (standbyHelpArmed_) {
+        standbyHelpArmed_ = false;
+        setTimer(standbyHelp_, 0);
+    }
 }
 
-void ThreadPool::wakeSleeper() noexcept {
+void ThreadPool::wake(int eventfd) noexcept {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = ::write(wake_, &one, sizeof one);
+    [[maybe_unused]] const auto written = ::write(eventfd, &one, sizeof one);
 }
 
 void ThreadPool::push(Job job) {
@@ -222,7 +253,7 @@ bool ThreadPool::pop(Job& job) {
     return true;
 }
 
-void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) noexcept {
+void ThreadPool::waitForEvents(int timeoutMilliseconds, bool watcher) noexcept {
     epoll_event events[eventsPerWait];
     int count;
     // EINTR (a stop and continue of the process) is only a late wake-up.
@@ -234,22 +265,28 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) n
     };
     const bool sawWake = saw(wakeMark);
     const bool sawLateWake = saw(lateWakeMark);
-    if (countedAsSleeper || sawWake || sawLateWake) {
-        bool wakeAgain = false;
+    if (watcher || sawWake || sawLateWake) {
+        int wakeFd = -1;
         {
-            // Awake now: what the sources post below must wake another worker, not this one. The
-            // pending wake has done its job, or a worker that was not waiting took it from the
-            // sleepers (then it is passed on).
             std::lock_guard lock(mutex_);
-            if (countedAsSleeper)
-                --sleepers_;
             if (sawLateWake)
                 lateWakeArmed_ = false;
-            wakePending_ = false;
-            wakeAgain = !countedAsSleeper && takeWakeTurn();
+            if (watcher) {
+                // Awake now: what the sources post below must wake another worker, not this one,
+                // and the reactor is unwatched until this worker or a standby one comes back.
+                watched_ = false;
+                ++reactorLeaves_;
+                wakePending_ = false;
+                armHelp();
+            } else {
+                // A worker that was not waiting took the watcher's wake: it is passed on.
+                if (sawWake)
+                    wakePending_ = false;
+                wakeFd = takeWakeTurn();
+            }
         }
-        if (wakeAgain)
-            wakeSleeper();
+        if (wakeFd >= 0)
+            wake(wakeFd);
     }
     for (int i = 0; i < count; ++i) {
         if (events[i].data.u64 == wakeMark || events[i].data.u64 == lateWakeMark)
@@ -271,6 +308,39 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) n
     }
 }
 
+void ThreadPool::standBy(std::unique_lock<std::mutex>& lock) noexcept {
+    for (;;) {
+        lock.unlock();
+        epoll_event events[2];
+        int count;
+        do
+            count = ::epoll_wait(standby_, events, 2, -1);
+        while (count < 0 && errno == EINTR);
+        lock.lock();
+        bool wanted = stopping_;
+        for (int i = 0; i < count; ++i) {
+            if (events[i].data.u64 == wakeMark) {
+                standbyWakePending_ = false;
+                wanted = true;
+                continue;
+            }
+            // An expiry from before the timer was disarmed reads nothing.
+            std::uint64_t expiries = 0;
+            if (::read(standbyHelp_, &expiries, sizeof expiries) <= 0)
+                continue;
+            standbyHelpArmed_ = false;
+            if (count_ > 0 || (!watched_ && reactorLeaves_ == leavesWhenArmed_))
+                wanted = true;
+            else
+                armHelp();  // the watcher came back and left again since: the new absence gets its own millisecond
+        }
+        if (wanted) {
+            --standbys_;
+            return;
+        }
+    }
+}
+
 void ThreadPool::work() {
     Worker self{this};
     currentWorker_ = &self;
@@ -282,8 +352,9 @@ void ThreadPool::work() {
             std::unique_lock lock(mutex_);
             haveJob = pop(job);
             if (!haveJob) {
-                // Everything queued was taken in time: nobody needs waking for it.
-                disarmLateWake();
+                // Everything queued was taken in time, and the reactor is watched or about to be,
+                // by this worker if by no other: nobody needs waking.
+                disarmHelp();
                 // The count changes under the lock so that a post sees either a spinner or a sleeper.
                 // One spinner is enough to catch the next job; the others sleep at once.
                 if (spinning_.load(std::memory_order_relaxed) == 0) {
@@ -297,19 +368,25 @@ void ThreadPool::work() {
                 while (!self.hasNext && !(haveJob = pop(job))) {
                     if (stopping_) {
                         lock.unlock();
-                        wakeSleeper();
+                        wake(wake_);
+                        wake(standbyWake_);
                         return;
                     }
-                    ++sleepers_;
+                    if (watched_) {
+                        ++standbys_;
+                        standBy(lock);
+                        continue;
+                    }
+                    watched_ = true;
                     lock.unlock();
                     waitForEvents(-1, true);
                     self.jobsSinceEventCheck = 0;
                     lock.lock();
                 }
             }
-            // More is waiting and nobody is looking for it: it goes to another thread if this one
-            // does not get to it soon.
-            armLateWake();
+            // More is waiting, or the reactor is unwatched, and nobody is looking: it goes to
+            // another thread if this one does not get to it soon.
+            armHelp();
         }
         if (haveJob) {
             job.function(job.argument);

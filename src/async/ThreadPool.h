@@ -17,25 +17,30 @@ namespace orvel::async {
 // coroutine resumption or a serial executor's drain), so posting never allocates once the queue
 // has grown.
 //
-// Whoever is idle does the waiting: there is no event thread and no timer thread. A worker out
-// of jobs sleeps in epoll_wait on the pool's reactor, where the event sources are registered
-// edge-triggered (each socket pool's epoll descriptor, the timer service's timerfd) beside an
-// eventfd that posts from anywhere use to wake a sleeper. The kernel wakes one sleeper per
-// event; it runs the source's ready() there, which resumes the tasks it wakes by posting them:
-// the first lands in that worker's own next-job slot and runs right after, on the same thread
-// (no hand-off in the common case), the rest go to the shared queue. A worker that queues jobs
-// goes on with them itself; a sleeper is woken for them only if they are still there a
-// millisecond later (a timerfd in the reactor, disarmed when the queue runs dry), so a batch of
-// small jobs costs no second thread. So a task that blocks or computes holds only its own worker
-// and its slot: the others keep waiting on the reactor for every socket and timer and take the
-// queue within a millisecond.
+// Whoever is idle does the waiting: there is no event thread and no timer thread. One idle
+// worker, the watcher, sleeps in epoll_wait on the pool's reactor, where the event sources are
+// registered edge-triggered (each socket pool's epoll descriptor, the timer service's timerfd)
+// beside an eventfd that posts from anywhere use to wake it. The other idle workers stand by on
+// an epoll of their own. The watcher runs the ready() of what it wakes for, which resumes tasks
+// by posting them: the first lands in that worker's own next-job slot and runs right after, on
+// the same thread (no hand-off in the common case), the rest go to the shared queue.
+//
+// Work stays on one thread while one thread keeps up with it. A worker that queues jobs goes on
+// with them itself, and the watcher that leaves the reactor to run what it woke goes back to it
+// when done; an idle worker is woken for them only if they are still waiting a millisecond
+// later (a timerfd in the reactor for queued jobs, one in the standby epoll for a reactor left
+// unwatched). A standby worker woken that way takes the queued jobs or the reactor; if the
+// watcher has been back to the reactor and left it again since, the newer absence gets its own
+// millisecond first. So a task that blocks or computes holds only its own worker and its slot:
+// within two milliseconds another worker watches every socket and timer and takes the queue.
 //
 // Waking a sleeping thread costs more than most jobs, so the pool avoids it where it can:
 // - a job posted by a worker goes to that worker's own next-job slot (a chain of resumptions, as
 //   a message passing from task to task, stays on one warm thread);
 // - a worker out of work spins a few microseconds before it sleeps (one at a time), and a post
 //   from outside the pool wakes a sleeper only when nobody is spinning and no wake is on its way;
-// - jobs a worker queues wake nobody unless they wait a millisecond (above);
+// - events and queued jobs wake nobody else unless they wait a millisecond (above): while one
+//   core keeps up, the others sleep, as a single-threaded server's would;
 // - a worker that never runs out of jobs still looks at the reactor, without waiting, every few
 //   dozen jobs, so events are never starved by a busy pool.
 // Jobs must not block waiting for another job: the one in the slot would wait with them.
@@ -94,20 +99,23 @@ private:
     void work();
     void runNextJobs(Worker& worker);
     void postShared(Job job);
-    // With mutex_ held: true when the caller must wake a sleeper (queued jobs, nobody spinning,
-    // no wake on its way); the wake is then counted as on its way.
-    bool takeWakeTurn() noexcept;
-    // With mutex_ held: jobs are queued, a worker sleeps, and none is spinning or being woken.
-    bool sleeperWanted() const noexcept;
-    // With mutex_ held: a worker queued jobs; a sleeper is woken in a millisecond unless the
-    // queue runs dry before (then disarmLateWake).
-    void armLateWake() noexcept;
-    void disarmLateWake() noexcept;
-    void wakeSleeper() noexcept;
+    // With mutex_ held: the eventfd the caller must write for the jobs queued (the watcher's, or
+    // the standby's while the reactor is unwatched), or -1 when a spinner or a wake already on
+    // its way will take them. The wake is then counted as on its way.
+    int takeWakeTurn() noexcept;
+    // With mutex_ held: a worker goes on with work an idle worker could share (queued jobs, or
+    // the reactor it left); the idle one is woken in a millisecond unless that work is done
+    // before (then disarmHelp).
+    void armHelp() noexcept;
+    void disarmHelp() noexcept;
+    static void wake(int eventfd) noexcept;
     void spinForJob(Worker& self) noexcept;
-    // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources. A worker counted
-    // in sleepers_ is taken out of the count as soon as it wakes.
-    void waitForEvents(int timeoutMilliseconds, bool countedAsSleeper) noexcept;
+    // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources. The watcher
+    // leaves the reactor, as far as the others know, as soon as it wakes.
+    void waitForEvents(int timeoutMilliseconds, bool watcher) noexcept;
+    // With the lock held and the caller counted in standbys_: sleeps on the standby epoll until
+    // there is work for this worker or the pool stops.
+    void standBy(std::unique_lock<std::mutex>& lock) noexcept;
     bool pop(Job& job);  // with mutex_ held
     void push(Job job);  // with mutex_ held
 
@@ -115,16 +123,24 @@ private:
     std::vector<Job> ring_;  // power-of-two ring buffer
     std::size_t head_ = 0;
     std::size_t count_ = 0;
-    std::size_t sleepers_ = 0;  // workers in the reactor's wait, or on their way there
-    bool wakePending_ = false;  // a wake written that no worker has returned from the reactor with
-    bool lateWakeArmed_ = false;
+    bool watched_ = false;       // a worker waits on the reactor, or is on its way there
+    std::size_t standbys_ = 0;   // workers on the standby epoll, or on their way there
+    std::uint64_t reactorLeaves_ = 0;  // how often a watcher has left the reactor
+    bool wakePending_ = false;   // a wake written that the watcher has not returned with
+    bool standbyWakePending_ = false;
+    bool lateWakeArmed_ = false;     // for queued jobs, wakes the watcher
+    bool standbyHelpArmed_ = false;  // for the reactor left unwatched, wakes a standby worker
+    std::uint64_t leavesWhenArmed_ = 0;
     bool stopping_ = false;
     std::atomic<std::size_t> pending_{0};
     std::atomic<std::size_t> spinning_{0};  // workers looking for work before they sleep
 
-    int reactor_ = -1;  // epoll descriptor
-    int wake_ = -1;     // eventfd
-    int lateWake_ = -1;  // timerfd
+    int reactor_ = -1;      // epoll descriptor
+    int wake_ = -1;         // eventfd
+    int lateWake_ = -1;     // timerfd
+    int standby_ = -1;      // epoll descriptor
+    int standbyWake_ = -1;  // eventfd
+    int standbyHelp_ = -1;  // timerfd
     std::mutex sourcesMutex_;
     std::condition_variable sourceIdle_;
     std::unordered_map<std::uint64_t, EventSource*> sources_;
