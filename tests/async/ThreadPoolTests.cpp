@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <thread>
 
 using namespace orvel::async;
 using namespace std::chrono_literals;
@@ -28,16 +29,22 @@ struct Relay {
 
 }  // namespace
 
-TEST(ThreadPool, AJobThatKeepsPostingItselfDoesNotStarveTheQueue) {
+TEST(ThreadPool, AJobThatKeepsPostingItselfStarvesNeitherTheQueueNorTheStop) {
     // One worker: the relay would hold it forever if its slot never yielded to the shared queue.
-    ThreadPool pool(1);
-    Relay relay{&pool};
-    pool.post(&Relay::run, &relay);
-    std::promise<void> reached;
-    pool.post([](void* promise) { static_cast<std::promise<void>*>(promise)->set_value(); }, &reached);
-    ASSERT_EQ(reached.get_future().wait_for(60s), std::future_status::ready);
-    relay.stop = true;
-    EXPECT_GT(relay.runs.load(), 1);
+    // Four: one watches the reactor, the others stand by, and all of them must leave when the pool goes.
+    for (std::size_t workers : {1, 4}) {
+        SCOPED_TRACE(workers);
+        ThreadPool pool(workers);
+        Relay relay{&pool};
+        pool.post(&Relay::run, &relay);
+        std::promise<void> reached;
+        pool.post([](void* promise) { static_cast<std::promise<void>*>(promise)->set_value(); }, &reached);
+        ASSERT_EQ(reached.get_future().wait_for(60s), std::future_status::ready);
+        relay.stop = true;
+        EXPECT_GT(relay.runs.load(), 1);
+        // Idle a while before it goes, so that the workers are back waiting where they wait.
+        std::this_thread::sleep_for(20ms);
+    }
 }
 
 // A task that blocks its worker must not hold up the timers: a sleeper that blocks until a later
