@@ -99,8 +99,8 @@ ThreadPool::ThreadPool(std::size_t threadCount) : ring_(64) {
     standbyHelp_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
     // The wakes are never read: each write is a new edge that wakes one sleeper, and the counter
     // cannot fill up in the life of a process. The same for the late wake: each expiry is an
-    // edge. The standby's timer is read, to tell its expiry from an edge left over from before
-    // it was disarmed.
+    // edge. The standby's timer is read, to tell its expiry from one a worker disarmed while the
+    // standby was waking up.
     if (reactor_ < 0 || wake_ < 0 || lateWake_ < 0 || standby_ < 0 || standbyWake_ < 0 || standbyHelp_ < 0
         || !addEdgeTriggered(reactor_, wake_, wakeMark) || !addEdgeTriggered(reactor_, lateWake_, lateWakeMark)
         || !addEdgeTriggered(standby_, standbyWake_, wakeMark) || !addEdgeTriggered(standby_, standbyHelp_, lateWakeMark)) {
@@ -110,17 +110,24 @@ ThreadPool::ThreadPool(std::size_t threadCount) : ring_(64) {
                 ::close(fd);
         throw std::system_error(error, std::generic_category(), "thread pool reactor");
     }
-    threads_.reserve(threadCount);
-    for (std::size_t i = 0; i < threadCount; ++i) {
-        threads_.emplace_back([this, i] {
-            std::string name = "orvel.pool." + std::to_string(i);
-            pthread_setname_np(pthread_self(), name.c_str());
-            work();
-        });
+    try {
+        threads_.reserve(threadCount);
+        for (std::size_t i = 0; i < threadCount; ++i) {
+            threads_.emplace_back([this, i] {
+                std::string name = "orvel.pool." + std::to_string(i);
+                pthread_setname_np(pthread_self(), name.c_str());
+                work();
+            });
+        }
+    } catch (...) {
+        stop();  // out of threads: the ones started leave, the descriptors close
+        throw;
     }
 }
 
-ThreadPool::~ThreadPool() {
+ThreadPool::~ThreadPool() { stop(); }
+
+void ThreadPool::stop() noexcept {
     {
         std::lock_guard lock(mutex_);
         stopping_ = true;
@@ -265,6 +272,9 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool watcher) noexcept {
     };
     const bool sawWake = saw(wakeMark);
     const bool sawLateWake = saw(lateWakeMark);
+    const bool sawSource = std::any_of(events, events + std::max(count, 0), [](const epoll_event& event) {
+        return event.data.u64 != wakeMark && event.data.u64 != lateWakeMark;
+    });
     if (watcher || sawWake || sawLateWake) {
         int wakeFd = -1;
         {
@@ -277,7 +287,9 @@ void ThreadPool::waitForEvents(int timeoutMilliseconds, bool watcher) noexcept {
                 watched_ = false;
                 ++reactorLeaves_;
                 wakePending_ = false;
-                armHelp();
+                // A wake whose jobs another worker took leaves nothing to share.
+                if (sawSource || count_ > 0)
+                    armHelp();
             } else {
                 // A worker that was not waiting took the watcher's wake: it is passed on.
                 if (sawWake)
@@ -324,7 +336,7 @@ void ThreadPool::standBy(std::unique_lock<std::mutex>& lock) noexcept {
                 wanted = true;
                 continue;
             }
-            // An expiry from before the timer was disarmed reads nothing.
+            // An expiry disarmed while this worker was waking up reads nothing.
             std::uint64_t expiries = 0;
             if (::read(standbyHelp_, &expiries, sizeof expiries) <= 0)
                 continue;
@@ -352,9 +364,6 @@ void ThreadPool::work() {
             std::unique_lock lock(mutex_);
             haveJob = pop(job);
             if (!haveJob) {
-                // Everything queued was taken in time, and the reactor is watched or about to be,
-                // by this worker if by no other: nobody needs waking.
-                disarmHelp();
                 // The count changes under the lock so that a post sees either a spinner or a sleeper.
                 // One spinner is enough to catch the next job; the others sleep at once.
                 if (spinning_.load(std::memory_order_relaxed) == 0) {
@@ -372,6 +381,9 @@ void ThreadPool::work() {
                         wake(standbyWake_);
                         return;
                     }
+                    // Nothing is queued, and the reactor is watched or about to be, by this worker
+                    // if by no other: nobody needs waking.
+                    disarmHelp();
                     if (watched_) {
                         ++standbys_;
                         standBy(lock);

@@ -20,16 +20,16 @@ namespace orvel::async {
 // Whoever is idle does the waiting: there is no event thread and no timer thread. One idle
 // worker, the watcher, sleeps in epoll_wait on the pool's reactor, where the event sources are
 // registered edge-triggered (each socket pool's epoll descriptor, the timer service's timerfd)
-// beside an eventfd that posts from anywhere use to wake it. The other idle workers stand by on
-// an epoll of their own. The watcher runs the ready() of what it wakes for, which resumes tasks
+// beside an eventfd that posts from outside the pool use to wake it. The other idle workers
+// stand by on an epoll of their own. The watcher runs the ready() of what it wakes for, which resumes tasks
 // by posting them: the first lands in that worker's own next-job slot and runs right after, on
 // the same thread (no hand-off in the common case), the rest go to the shared queue.
 //
 // Work stays on one thread while one thread keeps up with it. A worker that queues jobs goes on
 // with them itself, and the watcher that leaves the reactor to run what it woke goes back to it
 // when done; an idle worker is woken for them only if they are still waiting a millisecond
-// later (a timerfd in the reactor for queued jobs, one in the standby epoll for a reactor left
-// unwatched). A standby worker woken that way takes the queued jobs or the reactor; if the
+// later (a timerfd in the reactor while the watcher is there, one in the standby epoll while
+// the reactor is left unwatched). A standby worker woken that way takes the queued jobs or the reactor; if the
 // watcher has been back to the reactor and left it again since, the newer absence gets its own
 // millisecond first. So a task that blocks or computes holds only its own worker and its slot:
 // within two milliseconds another worker watches every socket and timer and takes the queue.
@@ -97,11 +97,12 @@ private:
     static thread_local Worker* currentWorker_;
 
     void work();
+    void stop() noexcept;  // ends the workers and closes the descriptors
     void runNextJobs(Worker& worker);
     void postShared(Job job);
     // With mutex_ held: the eventfd the caller must write for the jobs queued (the watcher's, or
     // the standby's while the reactor is unwatched), or -1 when a spinner or a wake already on
-    // its way will take them. The wake is then counted as on its way.
+    // its way will take them, or when every worker is busy. The wake is then counted as on its way.
     int takeWakeTurn() noexcept;
     // With mutex_ held: a worker goes on with work an idle worker could share (queued jobs, or
     // the reactor it left); the idle one is woken in a millisecond unless that work is done
@@ -114,7 +115,7 @@ private:
     // leaves the reactor, as far as the others know, as soon as it wakes.
     void waitForEvents(int timeoutMilliseconds, bool watcher) noexcept;
     // With the lock held and the caller counted in standbys_: sleeps on the standby epoll until
-    // there is work for this worker or the pool stops.
+    // it is woken for work (which another worker may have taken by then) or the pool stops.
     void standBy(std::unique_lock<std::mutex>& lock) noexcept;
     bool pop(Job& job);  // with mutex_ held
     void push(Job job);  // with mutex_ held
@@ -129,7 +130,7 @@ private:
     bool wakePending_ = false;   // a wake written that the watcher has not returned with
     bool standbyWakePending_ = false;
     bool lateWakeArmed_ = false;     // for queued jobs, wakes the watcher
-    bool standbyHelpArmed_ = false;  // for the reactor left unwatched, wakes a standby worker
+    bool standbyHelpArmed_ = false;  // while the reactor is unwatched, wakes a standby worker
     std::uint64_t leavesWhenArmed_ = 0;
     bool stopping_ = false;
     std::atomic<std::size_t> pending_{0};
