@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <string>
 #include <system_error>
 
@@ -22,19 +21,6 @@ thread_local Executor* currentExecutorSlot = nullptr;
 
 void resumeCoroutine(void* address) { std::coroutine_handle<>::from_address(address).resume(); }
 
-inline void cpuRelax() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-}
-
-// How long a worker out of work looks for more before it sleeps: waking a sleeper costs tens of
-// microseconds on a virtual machine, a spin that finds nothing costs its whole length. Each
-// worker doubles its spin after one that found work (a socket or a producer thread feeding it
-// steadily) and halves it after one that did not (work arriving in sparse bursts). Bounded by
-// time: a pause instruction takes 1 to 25 ns depending on the processor.
-constexpr auto shortestSpin = std::chrono::microseconds(4);
-constexpr auto longestSpin = std::chrono::microseconds(64);
 // Jobs run one after another from a worker's own slot before the shared queue gets its turn, so
 // two tasks handing work back and forth cannot starve the rest.
 constexpr int slotStreak = 32;
@@ -53,7 +39,6 @@ struct ThreadPool::Worker {
     Job next{};
     bool hasNext = false;
     unsigned jobsSinceEventCheck = 0;
-    std::chrono::nanoseconds spin = shortestSpin;
 };
 
 thread_local ThreadPool::Worker* ThreadPool::currentWorker_ = nullptr;
@@ -191,7 +176,7 @@ void ThreadPool::postShared(Job job) {
 int ThreadPool::takeWakeTurn() noexcept {
     // One wake in flight is enough: the worker it reaches takes everything queued by then. A
     // burst of posts (a batch of timers, a busy socket pool) would otherwise write once per job.
-    if (count_ == 0 || spinning_.load(std::memory_order_relaxed) != 0)
+    if (count_ == 0)
         return -1;
     if (watched_) {
         if (wakePending_)
@@ -206,9 +191,6 @@ int ThreadPool::takeWakeTurn() noexcept {
 }
 
 void ThreadPool::armHelp() noexcept {
-    // A spinner takes the queue, or the reactor when its spin ends.
-    if (spinning_.load(std::memory_order_relaxed) != 0)
-        return;
     if (watched_) {
         if (count_ == 0 || wakePending_ || lateWakeArmed_)
             return;
@@ -247,7 +229,6 @@ void ThreadPool::push(Job job) {
     }
     ring_[(head_ + count_) & (ring_.size() - 1)] = job;
     ++count_;
-    pending_.store(count_, std::memory_order_relaxed);
 }
 
 bool ThreadPool::pop(Job& job) {
@@ -256,7 +237,6 @@ bool ThreadPool::pop(Job& job) {
     job = ring_[head_];
     head_ = (head_ + 1) & (ring_.size() - 1);
     --count_;
-    pending_.store(count_, std::memory_order_relaxed);
     return true;
 }
 
@@ -359,42 +339,30 @@ void ThreadPool::work() {
     detail::setCurrentExecutor(this);
     for (;;) {
         Job job{};
-        bool haveJob;
+        bool haveJob = false;
         {
             std::unique_lock lock(mutex_);
-            haveJob = pop(job);
-            if (!haveJob) {
-                // The count changes under the lock so that a post sees either a spinner or a sleeper.
-                // One spinner is enough to catch the next job; the others sleep at once.
-                if (spinning_.load(std::memory_order_relaxed) == 0) {
-                    spinning_.fetch_add(1, std::memory_order_relaxed);
+            // What the reactor handed this worker comes first: a shared job may block.
+            while (!self.hasNext && !(haveJob = pop(job))) {
+                if (stopping_) {
                     lock.unlock();
-                    spinForJob(self);
-                    lock.lock();
-                    spinning_.fetch_sub(1, std::memory_order_relaxed);
+                    wake(wake_);
+                    wake(standbyWake_);
+                    return;
                 }
-                // What the reactor handed this worker comes first: a shared job may block.
-                while (!self.hasNext && !(haveJob = pop(job))) {
-                    if (stopping_) {
-                        lock.unlock();
-                        wake(wake_);
-                        wake(standbyWake_);
-                        return;
-                    }
-                    // Nothing is queued, and the reactor is watched or about to be, by this worker
-                    // if by no other: nobody needs waking.
-                    disarmHelp();
-                    if (watched_) {
-                        ++standbys_;
-                        standBy(lock);
-                        continue;
-                    }
-                    watched_ = true;
-                    lock.unlock();
-                    waitForEvents(-1, true);
-                    self.jobsSinceEventCheck = 0;
-                    lock.lock();
+                // Nothing is queued, and the reactor is watched or about to be, by this worker
+                // if by no other: nobody needs waking.
+                disarmHelp();
+                if (watched_) {
+                    ++standbys_;
+                    standBy(lock);
+                    continue;
                 }
+                watched_ = true;
+                lock.unlock();
+                waitForEvents(-1, true);
+                self.jobsSinceEventCheck = 0;
+                lock.lock();
             }
             // More is waiting, or the reactor is unwatched, and nobody is looking: it goes to
             // another thread if this one does not get to it soon.
@@ -411,20 +379,6 @@ void ThreadPool::work() {
             runNextJobs(self);
         }
     }
-}
-
-void ThreadPool::spinForJob(Worker& self) noexcept {
-    auto until = std::chrono::steady_clock::now() + self.spin;
-    bool found = true;
-    for (unsigned i = 1; pending_.load(std::memory_order_relaxed) == 0; ++i) {
-        cpuRelax();
-        if (i % 16 == 0 && std::chrono::steady_clock::now() >= until) {
-            found = false;
-            break;
-        }
-    }
-    self.spin = found ? std::min<std::chrono::nanoseconds>(self.spin * 2, longestSpin)
-                      : std::max<std::chrono::nanoseconds>(self.spin / 2, shortestSpin);
 }
 
 void ThreadPool::runNextJobs(Worker& self) {

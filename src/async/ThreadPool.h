@@ -1,7 +1,6 @@
 #pragma once
 #include "async/Executor.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -37,8 +36,7 @@ namespace orvel::async {
 // Waking a sleeping thread costs more than most jobs, so the pool avoids it where it can:
 // - a job posted by a worker goes to that worker's own next-job slot (a chain of resumptions, as
 //   a message passing from task to task, stays on one warm thread);
-// - a worker out of work spins a few microseconds before it sleeps (one at a time), and a post
-//   from outside the pool wakes a sleeper only when nobody is spinning and no wake is on its way;
+// - a post from outside the pool wakes a sleeper only when no wake is on its way;
 // - events and queued jobs wake nobody else unless they wait a millisecond (above): while one
 //   core keeps up, the others sleep, as a single-threaded server's would;
 // - a worker that never runs out of jobs still looks at the reactor, without waiting, every few
@@ -101,8 +99,8 @@ private:
     void runNextJobs(Worker& worker);
     void postShared(Job job);
     // With mutex_ held: the eventfd the caller must write for the jobs queued (the watcher's, or
-    // the standby's while the reactor is unwatched), or -1 when a spinner or a wake already on
-    // its way will take them, or when every worker is busy. The wake is then counted as on its way.
+    // the standby's while the reactor is unwatched), or -1 when a wake already on its way will
+    // take them, or when every worker is busy. The wake is then counted as on its way.
     int takeWakeTurn() noexcept;
     // With mutex_ held: a worker goes on with work an idle worker could share (queued jobs, or
     // the reactor it left); the idle one is woken in a millisecond unless that work is done
@@ -110,7 +108,6 @@ private:
     void armHelp() noexcept;
     void disarmHelp() noexcept;
     static void wake(int eventfd) noexcept;
-    void spinForJob(Worker& self) noexcept;
     // Waits on the reactor (timeout as epoll_wait's) and runs the ready sources. The watcher
     // leaves the reactor, as far as the others know, as soon as it wakes.
     void waitForEvents(int timeoutMilliseconds, bool watcher) noexcept;
@@ -133,8 +130,6 @@ private:
     bool standbyHelpArmed_ = false;  // while the reactor is unwatched, wakes a standby worker
     std::uint64_t leavesWhenArmed_ = 0;
     bool stopping_ = false;
-    std::atomic<std::size_t> pending_{0};
-    std::atomic<std::size_t> spinning_{0};  // workers looking for work before they sleep
 
     int reactor_ = -1;      // epoll descriptor
     int wake_ = -1;         // eventfd
