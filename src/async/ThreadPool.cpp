@@ -90,9 +90,7 @@ ThreadPool::ThreadPool(std::size_t threadCount) : ring_(64) {
         || !addEdgeTriggered(reactor_, wake_, wakeMark) || !addEdgeTriggered(reactor_, lateWake_, lateWakeMark)
         || !addEdgeTriggered(standby_, standbyWake_, wakeMark) || !addEdgeTriggered(standby_, standbyHelp_, lateWakeMark)) {
         const int error = errno;
-        for (int fd : {reactor_, wake_, lateWake_, standby_, standbyWake_, standbyHelp_})
-            if (fd >= 0)
-                ::close(fd);
+        closeDescriptors();
         throw std::system_error(error, std::generic_category(), "thread pool reactor");
     }
     try {
@@ -122,8 +120,13 @@ void ThreadPool::stop() noexcept {
     wake(standbyWake_);
     for (auto& thread : threads_)
         thread.join();
+    closeDescriptors();
+}
+
+void ThreadPool::closeDescriptors() noexcept {
     for (int fd : {reactor_, wake_, lateWake_, standby_, standbyWake_, standbyHelp_})
-        ::close(fd);
+        if (fd >= 0)
+            ::close(fd);
 }
 
 bool ThreadPool::isWorkerThread() const noexcept { return currentWorker_ && currentWorker_->pool == this; }
@@ -323,8 +326,8 @@ void ThreadPool::standBy(std::unique_lock<std::mutex>& lock) noexcept {
             standbyHelpArmed_ = false;
             if (count_ > 0 || (!watched_ && reactorLeaves_ == leavesWhenArmed_))
                 wanted = true;
-            else
-                armHelp();  // the watcher came back and left again since: the new absence gets its own millisecond
+            else  // the watcher came back and left again since: the new absence gets its own millisecond
+                armHelp();
         }
         if (wanted) {
             --standbys_;

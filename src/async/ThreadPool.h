@@ -20,18 +20,20 @@ namespace orvel::async {
 // worker, the watcher, sleeps in epoll_wait on the pool's reactor, where the event sources are
 // registered edge-triggered (each socket pool's epoll descriptor, the timer service's timerfd)
 // beside an eventfd that posts from outside the pool use to wake it. The other idle workers
-// stand by on an epoll of their own. The watcher runs the ready() of what it wakes for, which resumes tasks
-// by posting them: the first lands in that worker's own next-job slot and runs right after, on
-// the same thread (no hand-off in the common case), the rest go to the shared queue.
+// stand by on an epoll of their own. The watcher runs the ready() of what it wakes for, which
+// resumes tasks by posting them: the first lands in that worker's own next-job slot and runs
+// right after, on the same thread (no hand-off in the common case), the rest go to the shared
+// queue.
 //
 // Work stays on one thread while one thread keeps up with it. A worker that queues jobs goes on
 // with them itself, and the watcher that leaves the reactor to run what it woke goes back to it
 // when done; an idle worker is woken for them only if they are still waiting a millisecond
 // later (a timerfd in the reactor while the watcher is there, one in the standby epoll while
-// the reactor is left unwatched). A standby worker woken that way takes the queued jobs or the reactor; if the
-// watcher has been back to the reactor and left it again since, the newer absence gets its own
-// millisecond first. So a task that blocks or computes holds only its own worker and its slot:
-// within two milliseconds another worker watches every socket and timer and takes the queue.
+// the reactor is left unwatched). A standby worker woken that way takes the queued jobs or the
+// reactor; if the watcher has been back to the reactor and left it again since, the newer
+// absence gets its own millisecond first. So a task that blocks or computes holds only its own
+// worker and its slot: within two milliseconds another worker watches every socket and timer
+// and takes the queue.
 //
 // Waking a sleeping thread costs more than most jobs, so the pool avoids it where it can:
 // - a job posted by a worker goes to that worker's own next-job slot (a chain of resumptions, as
@@ -96,6 +98,7 @@ private:
 
     void work();
     void stop() noexcept;  // ends the workers and closes the descriptors
+    void closeDescriptors() noexcept;
     void runNextJobs(Worker& worker);
     void postShared(Job job);
     // With mutex_ held: the eventfd the caller must write for the jobs queued (the watcher's, or
